@@ -1,0 +1,15 @@
+# Toolchain for the primary target: 32-bit x86 with SSE arithmetic up to SSSE3.
+# Float maths stays in SSE registers (-mfpmath=sse): x87 would round differently.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR i386)
+set(CMAKE_C_COMPILER gcc)
+set(CMAKE_CXX_COMPILER g++)
+set(VEKR_ARCH_FLAGS "-m32 -msse2 -mssse3 -mfpmath=sse")
+set(CMAKE_C_FLAGS_INIT "${VEKR_ARCH_FLAGS}")
+set(CMAKE_CXX_FLAGS_INIT "${VEKR_ARCH_FLAGS}")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-m32")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-m32")
+set(CMAKE_MODULE_LINKER_FLAGS_INIT "-m32")
+set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(VEKR_TARGET_I386 ON)

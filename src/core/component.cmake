@@ -1,0 +1,1 @@
+vekr_component(core core/version.cpp core/abi.cpp)

@@ -1,0 +1,41 @@
+// Internal helpers shared by every operation family: path-choice predicates,
+// float bit access and the export attribute. Not part of the public interface.
+#ifndef VEKR_CORE_OWN_H
+#define VEKR_CORE_OWN_H
+
+#include <cstdint>
+#include <cstring>
+
+#include "vekcore.h"
+#include "vekr.h"
+
+namespace vekr {
+
+// True when p lies on a 16-byte boundary (the condition of every vector path).
+inline bool ownIsAligned16(const void* p) { return (reinterpret_cast<std::uintptr_t>(p) & 15u) == 0; }
+
+// True when every pointer given lies on a 16-byte boundary.
+inline bool ownAllAligned16() { return true; }
+template <class P, class... Rest>
+inline bool ownAllAligned16(const P* p, const Rest*... rest) {
+    return ownIsAligned16(p) && ownAllAligned16(rest...);
+}
+
+// True when n is a multiple of 4 (the row-size condition of every vector path).
+inline bool ownIsMultipleOf4(int n) { return (n & 3) == 0; }
+
+// Bit access to floats without aliasing problems.
+inline std::uint32_t ownFloatBits(float f) {
+    std::uint32_t u;
+    std::memcpy(&u, &f, sizeof u);
+    return u;
+}
+inline float ownBitsFloat(std::uint32_t u) {
+    float f;
+    std::memcpy(&f, &u, sizeof f);
+    return f;
+}
+
+}  // namespace vekr
+
+#endif  // VEKR_CORE_OWN_H

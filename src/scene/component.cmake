@@ -1,0 +1,1 @@
+vekr_component(scene scene/bound_box.cpp)

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Sets up a fresh machine, builds both targets (x86-64 with -Werror) and the
+# x86-64 sanitizer build, and runs every test on all three.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash tools/setup.sh
+status=0
+for target in i386 x86_64 asan; do
+  extra=()
+  [ "$target" = x86_64 ] && extra=(-DVEKR_WERROR=ON)
+  echo "== build $target"
+  bash tools/build.sh "$target" "${extra[@]}"
+  echo "== test $target"
+  if [ "$target" = asan ]; then
+    export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+  fi
+  (cd "build-$target" && ctest --output-on-failure -j1) || status=1
+done
+[ $status -eq 0 ] && echo "all tests passed on i386, x86_64 and asan" || echo "tests FAILED"
+exit $status
