@@ -220,7 +220,6 @@ VEKR_API VekStatus vekrSetBoundBox_32f(const float* pVertices, int numVertices, 
 /* ------------------------------------------------------------------------ */
 
 /* @@raytrace-declarations@@ */
-
 /* @@shading-raycast-declarations@@ */
 
 /* ------------------------------------------------------------------------ */
@@ -235,14 +234,80 @@ VEKR_API VekStatus vekrSetBoundBox_32f(const float* pVertices, int numVertices, 
 
 /* @@sh-declarations@@ */
 
+/* Byte size of a spherical-harmonics state of the given order and type into
+ * *pSize. Type vekrSHDirect: the header alone (16 bytes on i386, 24 on
+ * x86-64), orders 0..15 (above: vekStatusBadSize). Type vekrSHRecurrence: any
+ * order; with n = (order+1)(order+2)/2 the size is 8n rounded up to a multiple
+ * of 32, plus 16 on i386 (order 0: 48, 3: 112, 15: 1104) or plus 32 on x86-64
+ * (order 0: 64, 3: 128, 15: 1120). Checks: pSize (vekStatusNullPtr), then the
+ * type (vekStatusBadArgument). */
+VEKR_API VekStatus vekrSHGetSize_32f(uint32_t order, uint32_t type, int* pSize);
+
+/* Initialises a state in caller memory of at least the reported size (16-byte
+ * aligned for type vekrSHRecurrence): zero-fills it, stores order and type
+ * and, for the recurrence, the two factor tables and pointers to them inside
+ * the buffer (so the state must not be moved afterwards). Table A starts 16
+ * bytes (i386) or 32 bytes (x86-64) past the first 16-byte boundary, table B
+ * at the first 16-byte boundary after A. Checks: pState
+ * (vekStatusNullPtr), a direct-type order above 15 (vekStatusBadSize), an
+ * unknown type (vekStatusBadArgument). */
+VEKR_API VekStatus vekrSHInit_32f(VekrSHState* pState, uint32_t order, uint32_t type);
+
+/* Real spherical harmonics of bands 0..order for count directions (planar
+ * x, y, z): (order+1)^2 values per direction, Y_l^m of direction i at
+ * pDst[i*(order+1)^2 + l*l + l + m]. Checks, in order: any pointer null
+ * (vekStatusNullPtr); count 0 (vekStatusBadSize); order above the state's
+ * order, above 15, or an unknown state type (vekStatusBadArgument). A negative
+ * count then returns vekStatusOk and writes nothing. */
+VEKR_API VekStatus vekrSH_32f(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
+                              uint32_t order, const VekrSHState* pState);
+
+/* The 2*band+1 functions of one band (closed form, no state) for count
+ * directions: Y_band^m of direction i at pDst[i*(2*band+1) + band + m].
+ * Checks, in order: pointers (vekStatusNullPtr), band above 15
+ * (vekStatusBadArgument), count 0 (vekStatusBadSize); a negative count
+ * returns vekStatusOk and writes nothing. */
+VEKR_API VekStatus vekrSHBand_32f(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
+                                  uint32_t band);
+
+/* Forward transforms: for each direction, add value * basis (bands 0..order)
+ * to the coefficient vectors ((order+1)^2 floats each; zero them first for a
+ * plain projection). Quadrature weights are the caller's, folded into the
+ * values. A value of exactly 1 adds the basis unscaled; a value of 0 adds
+ * zeros. C1I: one channel. C3P3I: interleaved three-channel values
+ * (3*count floats), three coefficient vectors. P3I: three value planes.
+ * Checks, in order: any pointer, including those inside the three-pointer
+ * arrays, null (vekStatusNullPtr); count 0 (vekStatusBadSize); order above
+ * the state's order or above 15 (vekStatusBadArgument). A negative count then
+ * returns vekStatusOk and does nothing. */
+VEKR_API VekStatus vekrSHTFwd_32f_C1I(const float* pX, const float* pY, const float* pZ, const float* pVal,
+                                      int count, float* pCoeffs, uint32_t order, const VekrSHState* pState);
+VEKR_API VekStatus vekrSHTFwd_32f_C3P3I(const float* pX, const float* pY, const float* pZ, const float* pVal,
+                                        int count, float* pCoeffs[3], uint32_t order,
+                                        const VekrSHState* pState);
+VEKR_API VekStatus vekrSHTFwd_32f_P3I(const float* pX, const float* pY, const float* pZ,
+                                      const float* const pVal[3], int count, float* pCoeffs[3], uint32_t order,
+                                      const VekrSHState* pState);
+
+/* Inverse transforms: for each direction, the single-precision dot product of
+ * the basis (bands 0..order) with each coefficient vector. C1: one channel
+ * into pDst[i]. P3: three destination planes. P3C3: interleaved results
+ * pDst[3*i + c]. Checks as for the forward transforms. */
+VEKR_API VekStatus vekrSHTInv_32f_C1(const float* pCoeffs, uint32_t order, const float* pX, const float* pY,
+                                     const float* pZ, float* pDst, int count, const VekrSHState* pState);
+VEKR_API VekStatus vekrSHTInv_32f_P3(const float* const pCoeffs[3], uint32_t order, const float* pX,
+                                     const float* pY, const float* pZ, float* pDst[3], int count,
+                                     const VekrSHState* pState);
+VEKR_API VekStatus vekrSHTInv_32f_P3C3(const float* const pCoeffs[3], uint32_t order, const float* pX,
+                                       const float* pY, const float* pZ, float* pDst, int count,
+                                       const VekrSHState* pState);
+
 /* ------------------------------------------------------------------------ */
 /* Volume processing                                                         */
 /* ------------------------------------------------------------------------ */
 
 /* @@resize-declarations@@ */
-
 /* @@remap-declarations@@ */
-
 /* @@filter-declarations@@ */
 
 #ifdef __cplusplus
