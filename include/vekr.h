@@ -310,6 +310,49 @@ VEKR_API VekStatus vekrSHTInv_32f_P3C3(const float* const pCoeffs[3], uint32_t o
 /* @@remap-declarations@@ */
 /* @@filter-declarations@@ */
 
+/* Work-buffer size in bytes for vekrFilter_16s_C1PV, for the current thread
+ * count T (size buffers with the thread count the filter will run with):
+ * (64 * floor((W * nChannel + 15) / 16) + 32 * floor((KW + 1) / 2) * KH * KD + 32) * T
+ * in unsigned 32-bit arithmetic, W the destination width, KW x KH x KD the
+ * kernel. Checks: pSize null: vekStatusNullPtr; a size below 1:
+ * vekStatusBadSize; nChannel not 1: vekStatusBadNumChannels. */
+VEKR_API VekStatus vekrFilterGetBufSize(VekrVolume dstVolume, VekrVolume kernelVolume, int nChannel, int* pSize);
+
+/* 3-D convolution of a planar 16-bit signed volume with a KW x KH x KD kernel
+ * of int32 coefficients (x fastest, then y, then z), divided by divisor:
+ *
+ *   S(x, y, z) = sum over 0 <= i < KW, 0 <= j < KH, 0 <= k < KD of
+ *                kernel[k][j][i] * src(x + anchor.x - i, y + anchor.y - j, z + anchor.z - k)
+ *   dst(x, y, z) = saturate16(round_half_even((float)S * (1.0f / (float)divisor)))
+ *
+ * so kernel[anchor.z][anchor.y][anchor.x] lies over the output voxel and the
+ * kernel is applied reversed (a true convolution). src(u, v, w) is
+ * pSrc[w][v * (srcStep / 2) + u], in destination coordinates: pSrc[0][0] is
+ * the source voxel under destination voxel (0, 0, 0), and the caller provides
+ * the neighbourhood around the destination region by pointing into larger
+ * arrays (negative u, v and w included).
+ * Per axis (x shown) the filter reads u from anchor.x - (KW - 1) to
+ * W - 1 + anchor.x: with 0 <= anchor.x < KW, a border of KW - 1 - anchor.x
+ * voxels before the region and anchor.x voxels after it. In z the border is
+ * in the plane-pointer array: pSrc[-(KD - 1 - anchor.z)] ... pSrc[D - 1 + anchor.z]
+ * must be valid planes. The anchor itself is not checked. Steps are in bytes.
+ *
+ * Kernels whose coefficients all lie in [-32767, 32766] run on 16-bit
+ * multiply-adds with a 32-bit sum (a sum beyond the int32 range wraps); other
+ * kernels sum in double precision, which is exact while partial sums stay
+ * below 2^53 (always, for kernels of fewer than 128 taps). Both give the same
+ * result wherever S fits in 32 bits. The result does not depend on the
+ * thread count; volumes larger than 15 voxels in every axis are split among
+ * ownGetNumThreads() threads, each using its share of pBuffer (sized by
+ * vekrFilterGetBufSize).
+ *
+ * Checks, in order: pSrc, pDst or pKernel null, then pBuffer null:
+ * vekStatusNullPtr; a dstVolume size below 1, then a kernelVolume size below
+ * 1, then divisor 0: vekStatusBadSize. Nothing is written on an error. */
+VEKR_API VekStatus vekrFilter_16s_C1PV(const int16_t* const* pSrc, int srcStep, int16_t* const* pDst, int dstStep,
+                                       VekrVolume dstVolume, const int32_t* pKernel, VekrVolume kernelVolume,
+                                       VekrPoint3D anchor, int divisor, uint8_t* pBuffer);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -1,0 +1,1 @@
+vekr_component(filter volume/filter.cpp)

@@ -1,0 +1,385 @@
+// 3-D convolution of 16-bit signed volumes with an integer kernel and divisor:
+// a packed path (16-bit coefficient pairs, _mm_madd_epi16 into 32-bit rows)
+// and a wide path (double accumulation) for kernels that do not fit in 16 bits.
+#include <emmintrin.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+
+#include "core/own.h"
+
+// The filter entry realigns the stack on i386, where a caller may enter with
+// only 4-byte alignment and spilled SSE registers need 16.
+#if defined(__i386__)
+#define VEKR_FILTER_ENTRY __attribute__((force_align_arg_pointer))
+#else
+#define VEKR_FILTER_ENTRY
+#endif
+
+namespace {
+
+// Coefficients in [-32767, 32766] are packed as 16-bit pairs. -32768 is left
+// out so that the pair sum of _mm_madd_epi16 can never reach 2^31 (two products
+// of -32768 * -32768 would); the upper bound stops one short of 32767 as well,
+// a deliberately kept asymmetry of the packing rule.
+constexpr std::int32_t kPackMin = -32767;
+constexpr std::int32_t kPackMax = 32766;
+
+// Bytes of one thread's share of the work buffer: the accumulator row (width
+// rounded up to 16 voxels, 4 bytes each), 32 bytes per coefficient pair of the
+// kernel and 32 bytes of slack (used to align the share to 16 bytes).
+// Unsigned 32-bit arithmetic, as the size query reports it.
+inline std::uint32_t ownFilterShareBytes(std::uint32_t width, std::uint32_t nChannel, std::uint32_t kw,
+                                         std::uint32_t kh, std::uint32_t kd) {
+    return 64u * ((width * nChannel + 15u) / 16u) + 32u * ((kw + 1u) / 2u) * kh * kd + 32u;
+}
+
+inline std::uint8_t* ownAlignUp16(std::uint8_t* p) {
+    return p + ((16u - (reinterpret_cast<std::uintptr_t>(p) & 15u)) & 15u);
+}
+
+// Everything one destination row needs. Source voxels are addressed relative to
+// the origin (ox, oy, oz) = anchor - (kernel size - 1): reversed tap (m, j, k)
+// of destination voxel (x, y, z) reads source voxel (x + ox + m, y + oy + j, z + oz + k).
+struct FilterJob {
+    const std::int16_t* const* pSrc;
+    std::ptrdiff_t srcStep;  // elements
+    std::int16_t* const* pDst;
+    std::ptrdiff_t dstStep;  // elements
+    int width, height, depth;
+    const std::int32_t* pKernel;
+    int kw, kh, kd;
+    int ox, oy, oz;
+    float scale;
+    std::uint8_t* pBuffer;
+    std::size_t shareBytes;
+    bool packed;
+};
+
+// Start of source row j of reversed kernel plane k for destination row (y, z),
+// already moved to the first source column that destination voxel 0 reads.
+inline const std::int16_t* ownSrcRow(const FilterJob& job, int y, int z, int j, int k) {
+    const std::int16_t* plane = job.pSrc[static_cast<std::ptrdiff_t>(z) + job.oz + k];
+    return plane + (static_cast<std::ptrdiff_t>(y) + job.oy + j) * job.srcStep + job.ox;
+}
+
+// ---------------------------------------------------------------------------
+// Final step, shared by both paths: sum as float, times the float scale
+// 1/divisor, rounded to nearest with ties to even and saturated to 16 bits.
+// Clamping before rounding gives the same value as rounding and then
+// saturating, and keeps values beyond the int32 range (a sum rounding up to
+// 2^31, or a wide-path sum) away from the conversion's overflow value 0x80000000.
+
+inline std::int16_t ownFinishVoxel(float sum, float scale) {
+    float v = sum * scale;
+    v = std::min(std::max(v, -32768.0f), 32767.0f);
+    return static_cast<std::int16_t>(std::nearbyint(v));
+}
+
+// Eight voxels at once: the same operations lane by lane. _mm_cvtps_epi32
+// rounds ties to even under the default rounding mode, as nearbyint does;
+// _mm_packs_epi32 saturates (a no-op after the clamp).
+inline void ownFinish8(__m128 lo, __m128 hi, __m128 scale, std::int16_t* pDst) {
+    const __m128 vmin = _mm_set1_ps(-32768.0f), vmax = _mm_set1_ps(32767.0f);
+    lo = _mm_min_ps(_mm_max_ps(_mm_mul_ps(lo, scale), vmin), vmax);
+    hi = _mm_min_ps(_mm_max_ps(_mm_mul_ps(hi, scale), vmin), vmax);
+    __m128i r = _mm_packs_epi32(_mm_cvtps_epi32(lo), _mm_cvtps_epi32(hi));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst), r);
+}
+
+// ---------------------------------------------------------------------------
+// Packed path.
+//
+// Kernel layout: the coefficients in reverse order (last first), so that a
+// forward walk over the source computes a true convolution, one kernel row at
+// a time; each row's coefficients are taken in pairs and each pair fills a
+// 16-byte block as (first, second) four times. An odd row ends with a block
+// whose second value is 0.
+
+inline int ownPairsPerRow(int kw) {
+    return (kw + 1) / 2;
+}
+
+void ownPackKernel16(const FilterJob& job, __m128i* pPacked) {
+    const int n = job.kw * job.kh * job.kd;
+    const int pairs = ownPairsPerRow(job.kw);
+    for (int row = 0; row < job.kh * job.kd; ++row) {
+        // Reversed row `row`, reversed tap m is flat coefficient n - 1 - (row * kw + m).
+        const std::int32_t* last = job.pKernel + (n - 1 - row * job.kw);
+        for (int p = 0; p < pairs; ++p) {
+            const int m = 2 * p;
+            const std::int16_t first = static_cast<std::int16_t>(last[-m]);
+            const std::int16_t second = m + 1 < job.kw ? static_cast<std::int16_t>(last[-(m + 1)]) : 0;
+            pPacked[row * pairs + p] = _mm_set_epi16(second, first, second, first, second, first, second, first);
+        }
+    }
+}
+
+// Scalar rule for one voxel: the sum of products in 32-bit arithmetic. A sum
+// beyond the int32 range wraps, as the 32-bit accumulator rows do (unsigned
+// arithmetic keeps the wrap defined).
+std::uint32_t ownSumPacked(const FilterJob& job, const __m128i* pPacked, int x, int y, int z) {
+    const int pairs = ownPairsPerRow(job.kw);
+    std::uint32_t sum = 0;
+    for (int k = 0; k < job.kd; ++k) {
+        for (int j = 0; j < job.kh; ++j) {
+            const std::int16_t* s = ownSrcRow(job, y, z, j, k) + x;
+            const std::int16_t* c = reinterpret_cast<const std::int16_t*>(pPacked + (k * job.kh + j) * pairs);
+            for (int m = 0; m < job.kw; ++m) {
+                // Pair m/2 is block m/2; its first value is lane 0, the second lane 1.
+                const std::int32_t coef = c[(m / 2) * 8 + (m & 1)];
+                sum += static_cast<std::uint32_t>(coef * static_cast<std::int32_t>(s[m]));
+            }
+        }
+    }
+    return sum;
+}
+
+// One destination row. For each kernel row, a pass adds that row's products
+// into the accumulator row, eight voxels at a time. The 16-bit lanes of the
+// source vector a = s[x+2p .. x+2p+7] pair up as (s[x+2p+2i], s[x+2p+2i+1]),
+// so _mm_madd_epi16 with the pair block (c0, c1, c0, c1, ...) gives
+// c0 * s[x+2p+2i] + c1 * s[x+2p+2i+1], the contribution of taps 2p and 2p+1 to
+// the even voxels x+2i; the vector one voxel further, s[x+2p+1 ...], gives the
+// odd voxels x+2i+1 the same way. No shuffles are needed in the inner loop:
+// each group of eight keeps its sums as (even four, odd four) in the
+// accumulator row, and the final step puts them back in order.
+//
+// The odd last pair (second coefficient 0) needs only tap 2p: the even voxels
+// take it from a as before, and the odd ones from a's odd lanes with the block
+// shifted to (0, c0, 0, c0, ...). This keeps every load inside the row's source
+// neighbourhood (the vector one voxel further would read one voxel past it).
+//
+// The voxels after the last full group of eight take the scalar rule; integer
+// sums do not depend on the order of the terms, so both give the same values.
+void ownFilterRowPacked(const FilterJob& job, const __m128i* pPacked, std::int32_t* pAcc, int y, int z) {
+    const int w8 = job.width & ~7;
+    const int pairs = ownPairsPerRow(job.kw);
+    const int fullPairs = job.kw / 2;
+    const __m128i zero = _mm_setzero_si128();
+    for (int x = 0; x < w8; x += 8) {
+        _mm_store_si128(reinterpret_cast<__m128i*>(pAcc + x), zero);
+        _mm_store_si128(reinterpret_cast<__m128i*>(pAcc + x + 4), zero);
+    }
+    for (int k = 0; k < job.kd; ++k) {
+        for (int j = 0; j < job.kh; ++j) {
+            const std::int16_t* row = ownSrcRow(job, y, z, j, k);
+            const __m128i* coef = pPacked + (k * job.kh + j) * pairs;
+            for (int x = 0; x < w8; x += 8) {
+                const std::int16_t* s = row + x;
+                __m128i even = _mm_load_si128(reinterpret_cast<const __m128i*>(pAcc + x));
+                __m128i odd = _mm_load_si128(reinterpret_cast<const __m128i*>(pAcc + x + 4));
+                int p = 0;
+                for (; p < fullPairs; ++p) {
+                    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * p));
+                    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * p + 1));
+                    const __m128i c = _mm_load_si128(coef + p);
+                    even = _mm_add_epi32(even, _mm_madd_epi16(a, c));
+                    odd = _mm_add_epi32(odd, _mm_madd_epi16(b, c));
+                }
+                if (p < pairs) {
+                    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * p));
+                    const __m128i c = _mm_load_si128(coef + p);
+                    even = _mm_add_epi32(even, _mm_madd_epi16(a, c));
+                    odd = _mm_add_epi32(odd, _mm_madd_epi16(a, _mm_slli_epi32(c, 16)));
+                }
+                _mm_store_si128(reinterpret_cast<__m128i*>(pAcc + x), even);
+                _mm_store_si128(reinterpret_cast<__m128i*>(pAcc + x + 4), odd);
+            }
+        }
+    }
+    for (int x = w8; x < job.width; ++x) pAcc[x] = static_cast<std::int32_t>(ownSumPacked(job, pPacked, x, y, z));
+
+    std::int16_t* dst = job.pDst[z] + static_cast<std::ptrdiff_t>(y) * job.dstStep;
+    const __m128 scale = _mm_set1_ps(job.scale);
+    for (int x = 0; x < w8; x += 8) {
+        const __m128i even = _mm_load_si128(reinterpret_cast<const __m128i*>(pAcc + x));
+        const __m128i odd = _mm_load_si128(reinterpret_cast<const __m128i*>(pAcc + x + 4));
+        const __m128 lo = _mm_cvtepi32_ps(_mm_unpacklo_epi32(even, odd));
+        const __m128 hi = _mm_cvtepi32_ps(_mm_unpackhi_epi32(even, odd));
+        ownFinish8(lo, hi, scale, dst + x);
+    }
+    for (int x = w8; x < job.width; ++x) dst[x] = ownFinishVoxel(static_cast<float>(pAcc[x]), job.scale);
+}
+
+// ---------------------------------------------------------------------------
+// Wide path, for kernels with a coefficient outside the packing range.
+//
+// Products of a 16-bit voxel and a 32-bit coefficient are exact in double
+// (at most 2^46 in magnitude) and so is every partial sum of integers below
+// 2^53: for any kernel of fewer than 128 taps, and for any kernel that the
+// packed path could take whose sum fits in 32 bits, the double sum is the exact
+// integer sum. Converting it to float then rounds the exact value once, as the
+// packed path's int32-to-float conversion does, so the two paths give the same
+// result wherever both apply. (A float accumulator would not: its partial sums
+// round as soon as they pass 2^24.) The taps are added in one fixed order,
+// kernel plane, row, tap, so that beyond 2^53 the result still does not depend
+// on the row position, the vector width or the thread count.
+//
+// Kernel layout: the reversed coefficients, one double pair (the value twice)
+// per tap, kw taps per row.
+
+void ownPackKernelWide(const FilterJob& job, __m128d* pWide) {
+    const int n = job.kw * job.kh * job.kd;
+    for (int t = 0; t < n; ++t) pWide[t] = _mm_set1_pd(static_cast<double>(job.pKernel[n - 1 - t]));
+}
+
+// Scalar rule for one voxel.
+double ownSumWide(const FilterJob& job, const __m128d* pWide, int x, int y, int z) {
+    double sum = 0.0;
+    for (int k = 0; k < job.kd; ++k) {
+        for (int j = 0; j < job.kh; ++j) {
+            const std::int16_t* s = ownSrcRow(job, y, z, j, k) + x;
+            const double* c = reinterpret_cast<const double*>(pWide + (k * job.kh + j) * job.kw);
+            for (int m = 0; m < job.kw; ++m) sum = sum + static_cast<double>(s[m]) * c[2 * m];
+        }
+    }
+    return sum;
+}
+
+// Four 16-bit voxels as int32 lanes (sign-extended).
+inline __m128i ownLoad4x16(const std::int16_t* s) {
+    const __m128i v = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(s));
+    return _mm_srai_epi32(_mm_unpacklo_epi16(v, v), 16);
+}
+
+// One destination row, eight voxels per group, each kept in a double lane
+// through the whole kernel (the buffer has no room for a double row).
+void ownFilterRowWide(const FilterJob& job, const __m128d* pWide, int y, int z) {
+    const int w8 = job.width & ~7;
+    std::int16_t* dst = job.pDst[z] + static_cast<std::ptrdiff_t>(y) * job.dstStep;
+    const __m128 scale = _mm_set1_ps(job.scale);
+    for (int x = 0; x < w8; x += 8) {
+        __m128d acc0 = _mm_setzero_pd(), acc1 = _mm_setzero_pd();
+        __m128d acc2 = _mm_setzero_pd(), acc3 = _mm_setzero_pd();
+        for (int k = 0; k < job.kd; ++k) {
+            for (int j = 0; j < job.kh; ++j) {
+                const std::int16_t* s = ownSrcRow(job, y, z, j, k) + x;
+                const __m128d* c = pWide + (k * job.kh + j) * job.kw;
+                for (int m = 0; m < job.kw; ++m) {
+                    const __m128i lo = ownLoad4x16(s + m);
+                    const __m128i hi = ownLoad4x16(s + m + 4);
+                    const __m128d cm = _mm_load_pd(reinterpret_cast<const double*>(c + m));
+                    acc0 = _mm_add_pd(acc0, _mm_mul_pd(_mm_cvtepi32_pd(lo), cm));
+                    acc1 = _mm_add_pd(acc1, _mm_mul_pd(_mm_cvtepi32_pd(_mm_shuffle_epi32(lo, 0xEE)), cm));
+                    acc2 = _mm_add_pd(acc2, _mm_mul_pd(_mm_cvtepi32_pd(hi), cm));
+                    acc3 = _mm_add_pd(acc3, _mm_mul_pd(_mm_cvtepi32_pd(_mm_shuffle_epi32(hi, 0xEE)), cm));
+                }
+            }
+        }
+        // _mm_cvtpd_ps rounds each double to float to nearest, as the scalar cast does.
+        const __m128 lo = _mm_movelh_ps(_mm_cvtpd_ps(acc0), _mm_cvtpd_ps(acc1));
+        const __m128 hi = _mm_movelh_ps(_mm_cvtpd_ps(acc2), _mm_cvtpd_ps(acc3));
+        ownFinish8(lo, hi, scale, dst + x);
+    }
+    for (int x = w8; x < job.width; ++x)
+        dst[x] = ownFinishVoxel(static_cast<float>(ownSumWide(job, pWide, x, y, z)), job.scale);
+}
+
+// ---------------------------------------------------------------------------
+// Driver. Each thread's share of the buffer holds its own accumulator row and
+// its own copy of the packed kernel: no thread writes what another reads.
+struct FilterShare {
+    std::int32_t* pAcc;
+    void* pKernel;
+};
+
+FilterShare ownPrepareShare(const FilterJob& job, int share) {
+    std::uint8_t* base = ownAlignUp16(job.pBuffer + static_cast<std::size_t>(share) * job.shareBytes);
+    FilterShare s;
+    s.pAcc = reinterpret_cast<std::int32_t*>(base);
+    s.pKernel = base + 64 * ((static_cast<std::size_t>(job.width) + 15) / 16);
+    if (job.packed)
+        ownPackKernel16(job, static_cast<__m128i*>(s.pKernel));
+    else
+        ownPackKernelWide(job, static_cast<__m128d*>(s.pKernel));
+    return s;
+}
+
+// Destination row r (plane-major: plane r / height, row r % height).
+inline void ownFilterRow(const FilterJob& job, const FilterShare& s, std::int64_t r) {
+    const int y = static_cast<int>(r % job.height), z = static_cast<int>(r / job.height);
+    if (job.packed)
+        ownFilterRowPacked(job, static_cast<const __m128i*>(s.pKernel), s.pAcc, y, z);
+    else
+        ownFilterRowWide(job, static_cast<const __m128d*>(s.pKernel), y, z);
+}
+
+// Parallel slabs: a static split of the destination rows into one contiguous
+// run per thread. Every voxel is computed the same way whoever computes it, so
+// the result does not depend on the thread count.
+void ownFilter_MT(const FilterJob& job, int numThreads) {
+    const std::int64_t rows = static_cast<std::int64_t>(job.height) * job.depth;
+#pragma omp parallel num_threads(numThreads)
+    {
+        const FilterShare s = ownPrepareShare(job, omp_get_thread_num());
+#pragma omp for schedule(static)
+        for (std::int64_t r = 0; r < rows; ++r) ownFilterRow(job, s, r);
+    }
+}
+
+void ownFilter(const FilterJob& job) {
+    const FilterShare s = ownPrepareShare(job, 0);
+    const std::int64_t rows = static_cast<std::int64_t>(job.height) * job.depth;
+    for (std::int64_t r = 0; r < rows; ++r) ownFilterRow(job, s, r);
+}
+
+}  // namespace
+
+extern "C" VekStatus vekrFilterGetBufSize(VekrVolume dstVolume, VekrVolume kernelVolume, int nChannel, int* pSize) {
+    if (pSize == nullptr) return vekStatusNullPtr;
+    if (dstVolume.width < 1 || dstVolume.height < 1 || dstVolume.depth < 1 || kernelVolume.width < 1 ||
+        kernelVolume.height < 1 || kernelVolume.depth < 1)
+        return vekStatusBadSize;
+    if (nChannel != 1) return vekStatusBadNumChannels;
+    const std::uint32_t share = ownFilterShareBytes(
+        static_cast<std::uint32_t>(dstVolume.width), static_cast<std::uint32_t>(nChannel),
+        static_cast<std::uint32_t>(kernelVolume.width), static_cast<std::uint32_t>(kernelVolume.height),
+        static_cast<std::uint32_t>(kernelVolume.depth));
+    *pSize = static_cast<int>(share * static_cast<std::uint32_t>(ownGetNumThreads()));
+    return vekStatusOk;
+}
+
+extern "C" VEKR_FILTER_ENTRY VekStatus vekrFilter_16s_C1PV(const int16_t* const* pSrc, int srcStep,
+                                                           int16_t* const* pDst, int dstStep, VekrVolume dstVolume,
+                                                           const int32_t* pKernel, VekrVolume kernelVolume,
+                                                           VekrPoint3D anchor, int divisor, uint8_t* pBuffer) {
+    if (pSrc == nullptr || pDst == nullptr || pKernel == nullptr) return vekStatusNullPtr;
+    if (pBuffer == nullptr) return vekStatusNullPtr;
+    if (dstVolume.width < 1 || dstVolume.height < 1 || dstVolume.depth < 1) return vekStatusBadSize;
+    if (kernelVolume.width < 1 || kernelVolume.height < 1 || kernelVolume.depth < 1) return vekStatusBadSize;
+    if (divisor == 0) return vekStatusBadSize;
+
+    FilterJob job;
+    job.pSrc = pSrc;
+    job.srcStep = srcStep / 2;
+    job.pDst = pDst;
+    job.dstStep = dstStep / 2;
+    job.width = dstVolume.width;
+    job.height = dstVolume.height;
+    job.depth = dstVolume.depth;
+    job.pKernel = pKernel;
+    job.kw = kernelVolume.width;
+    job.kh = kernelVolume.height;
+    job.kd = kernelVolume.depth;
+    job.ox = anchor.x - (kernelVolume.width - 1);
+    job.oy = anchor.y - (kernelVolume.height - 1);
+    job.oz = anchor.z - (kernelVolume.depth - 1);
+    // The scale is formed once, in float, and multiplies every sum.
+    job.scale = 1.0f / static_cast<float>(divisor);
+    job.pBuffer = pBuffer;
+    job.shareBytes = ownFilterShareBytes(static_cast<std::uint32_t>(job.width), 1u, static_cast<std::uint32_t>(job.kw),
+                                         static_cast<std::uint32_t>(job.kh), static_cast<std::uint32_t>(job.kd));
+    const std::size_t n = static_cast<std::size_t>(job.kw) * job.kh * job.kd;
+    job.packed = std::all_of(pKernel, pKernel + n, [](std::int32_t c) { return c >= kPackMin && c <= kPackMax; });
+
+    const int numThreads = ownGetNumThreads();
+    if (numThreads > 1 && job.width > 15 && job.height > 15 && job.depth > 15)
+        ownFilter_MT(job, numThreads);
+    else
+        ownFilter(job);
+    return vekStatusOk;
+}

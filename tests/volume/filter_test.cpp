@@ -1,0 +1,480 @@
+// Tests of the 16-bit volume convolution: the buffer-size formula, argument
+// checks, the anchor convention, agreement of both paths with a 64-bit integer
+// reference, rounding and saturation, thread-count independence and layout
+// independence.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+#include "testutil.h"
+#include "vekcore.h"
+#include "vekr.h"
+
+namespace {
+
+// A source volume with the neighbourhood that a destination of size `dst`
+// needs for a kernel `ker` with anchor `a`, stored plane by plane. Each plane
+// is its own exact-size allocation (no slack after the last voxel read, so the
+// address sanitizer sees any over-read), `offsetElems` elements into it, with
+// `extraRow` unused elements at the end of each row but the last.
+class SrcVolume {
+public:
+    SrcVolume(VekrVolume dst, VekrVolume ker, VekrPoint3D a, int offsetElems = 0, int extraRow = 0)
+        : w_(dst.width), h_(dst.height), d_(dst.depth) {
+        lo_[0] = std::max(0, ker.width - 1 - a.x), hi_[0] = std::max(0, a.x);
+        lo_[1] = std::max(0, ker.height - 1 - a.y), hi_[1] = std::max(0, a.y);
+        lo_[2] = std::max(0, ker.depth - 1 - a.z), hi_[2] = std::max(0, a.z);
+        const int rowLen = lo_[0] + w_ + hi_[0];
+        const int rows = lo_[1] + h_ + hi_[1];
+        rowElems_ = rowLen + extraRow;
+        const int planes = lo_[2] + d_ + hi_[2];
+        store_.resize(planes);
+        ptrs_.resize(planes);
+        for (int p = 0; p < planes; ++p) {
+            store_[p].assign(offsetElems + (rows - 1) * rowElems_ + rowLen, 0);
+            ptrs_[p] = store_[p].data() + offsetElems + lo_[1] * rowElems_ + lo_[0];
+        }
+    }
+    // Voxel (x, y, z) in destination coordinates; x from -lo to width + hi - 1.
+    std::int16_t& at(int x, int y, int z) { return const_cast<std::int16_t*>(ptrs_[lo_[2] + z])[y * rowElems_ + x]; }
+    std::int16_t at(int x, int y, int z) const { return ptrs_[lo_[2] + z][y * rowElems_ + x]; }
+    // Every stored voxel, border included, uniform in [lo, hi].
+    void fillRandom(vt::Rng& rng, int lo, int hi) {
+        for (int z = -lo_[2]; z < d_ + hi_[2]; ++z)
+            for (int y = -lo_[1]; y < h_ + hi_[1]; ++y)
+                for (int x = -lo_[0]; x < w_ + hi_[0]; ++x)
+                    at(x, y, z) = static_cast<std::int16_t>(lo + rng.below(hi - lo + 1));
+    }
+    const std::int16_t* const* planes() const { return ptrs_.data() + lo_[2]; }
+    int stepBytes() const { return rowElems_ * 2; }
+
+private:
+    int w_, h_, d_;
+    int lo_[3], hi_[3];
+    int rowElems_ = 0;
+    std::vector<std::vector<std::int16_t>> store_;
+    std::vector<const std::int16_t*> ptrs_;
+};
+
+// A destination volume whose bytes start as canaries; rows have `extraRow`
+// elements of padding that the filter must leave alone.
+class DstVolume {
+public:
+    DstVolume(VekrVolume v, int offsetElems = 0, int extraRow = 0)
+        : w_(v.width), h_(v.height), rowElems_(v.width + extraRow) {
+        store_.resize(v.depth);
+        ptrs_.resize(v.depth);
+        for (int z = 0; z < v.depth; ++z) {
+            store_[z].assign(offsetElems + h_ * rowElems_, 0);
+            vt::fillCanary(store_[z].data(), store_[z].size());
+            ptrs_[z] = store_[z].data() + offsetElems;
+        }
+    }
+    std::int16_t at(int x, int y, int z) const { return ptrs_[z][y * rowElems_ + x]; }
+    std::int16_t* const* planes() { return ptrs_.data(); }
+    int stepBytes() const { return rowElems_ * 2; }
+    // The voxels of the region, x fastest.
+    std::vector<std::int16_t> values() const {
+        std::vector<std::int16_t> out;
+        for (std::size_t z = 0; z < ptrs_.size(); ++z)
+            for (int y = 0; y < h_; ++y)
+                for (int x = 0; x < w_; ++x) out.push_back(at(x, y, static_cast<int>(z)));
+        return out;
+    }
+    // True when no byte outside the region (or, with region set, no byte at
+    // all) has changed from its canary.
+    bool intact(bool region = false) const {
+        for (std::size_t z = 0; z < ptrs_.size(); ++z)
+            for (std::size_t e = 0; e < store_[z].size(); ++e) {
+                const std::ptrdiff_t i = store_[z].data() + e - ptrs_[z];
+                const bool inside = i >= 0 && i % rowElems_ < w_;
+                if ((region || !inside) && !vt::CanaryIntact(store_[z].data() + e, 1)) return false;
+            }
+        return true;
+    }
+
+private:
+    int w_, h_, rowElems_;
+    std::vector<std::vector<std::int16_t>> store_;
+    std::vector<std::int16_t*> ptrs_;
+};
+
+// The convolution written out from its definition: an exact 64-bit sum over
+// the kernel in its stored order, then the float pipeline (sum as float, times
+// the float reciprocal of the divisor), rounded half to even and saturated.
+std::vector<std::int16_t> reference(const SrcVolume& src, VekrVolume dst, const std::vector<std::int32_t>& kernel,
+                                    VekrVolume kv, VekrPoint3D a, int divisor) {
+    std::vector<std::int16_t> out;
+    const float scale = 1.0f / static_cast<float>(divisor);
+    for (int z = 0; z < dst.depth; ++z)
+        for (int y = 0; y < dst.height; ++y)
+            for (int x = 0; x < dst.width; ++x) {
+                std::int64_t sum = 0;
+                for (int k = 0; k < kv.depth; ++k)
+                    for (int j = 0; j < kv.height; ++j)
+                        for (int i = 0; i < kv.width; ++i)
+                            sum += static_cast<std::int64_t>(kernel[(k * kv.height + j) * kv.width + i]) *
+                                   src.at(x + a.x - i, y + a.y - j, z + a.z - k);
+                const float r = std::nearbyint(static_cast<float>(sum) * scale);
+                out.push_back(static_cast<std::int16_t>(r > 32767.0f ? 32767.0f : r < -32768.0f ? -32768.0f : r));
+            }
+    return out;
+}
+
+// Keeps the process-wide thread count for the duration of a test.
+class ThreadCount {
+public:
+    explicit ThreadCount(int n) {
+        vekGetNumThreads(&saved_);
+        vekSetNumThreads(n);
+    }
+    ~ThreadCount() { vekSetNumThreads(saved_); }
+
+private:
+    int saved_ = 1;
+};
+
+// Runs the filter with a buffer of exactly the queried size, placed
+// `bufferOffset` bytes past a 16-byte boundary.
+VekStatus runFilter(const SrcVolume& src, DstVolume& dst, VekrVolume dv, const std::vector<std::int32_t>& kernel,
+                    VekrVolume kv, VekrPoint3D a, int divisor, std::size_t bufferOffset = 0) {
+    int size = 0;
+    EXPECT_EQ(vekrFilterGetBufSize(dv, kv, 1, &size), vekStatusOk);
+    vt::Buf<std::uint8_t> buf(static_cast<std::size_t>(size), bufferOffset);
+    return vekrFilter_16s_C1PV(src.planes(), src.stepBytes(), dst.planes(), dst.stepBytes(), dv, kernel.data(), kv, a,
+                               divisor, buf.data());
+}
+
+std::vector<std::int16_t> filtered(const SrcVolume& src, VekrVolume dv, const std::vector<std::int32_t>& kernel,
+                                   VekrVolume kv, VekrPoint3D a, int divisor) {
+    DstVolume dst(dv);
+    EXPECT_EQ(runFilter(src, dst, dv, kernel, kv, a, divisor), vekStatusOk);
+    EXPECT_TRUE(dst.intact());
+    return dst.values();
+}
+
+std::vector<std::int32_t> randomKernel(vt::Rng& rng, VekrVolume kv, int lo, int hi) {
+    std::vector<std::int32_t> k(static_cast<std::size_t>(kv.width) * kv.height * kv.depth);
+    for (auto& c : k) c = lo + static_cast<std::int32_t>(rng.next() % static_cast<std::uint32_t>(hi - lo + 1));
+    return k;
+}
+
+// ---------------------------------------------------------------------------
+
+TEST(FilterBufSize, FollowsFormulaInUnsigned32BitsAndScalesWithThreads) {
+    int size = 0;
+    {
+        ThreadCount t(1);
+        // 64 * floor(35 / 16) + 32 * 2 * 3 * 3 + 32
+        ASSERT_EQ(vekrFilterGetBufSize({20, 7, 9}, {3, 3, 3}, 1, &size), vekStatusOk);
+        EXPECT_EQ(size, 128 + 576 + 32);
+        ASSERT_EQ(vekrFilterGetBufSize({1, 1, 1}, {1, 1, 1}, 1, &size), vekStatusOk);
+        EXPECT_EQ(size, 64 + 32 + 32);
+        // (2^31 - 1 + 15) / 16 * 64 = 2^33, which wraps to 0 in 32 bits.
+        ASSERT_EQ(vekrFilterGetBufSize({std::numeric_limits<int>::max(), 1, 1}, {1, 1, 1}, 1, &size), vekStatusOk);
+        EXPECT_EQ(size, 64);
+    }
+    {
+        ThreadCount t(3);
+        ASSERT_EQ(vekrFilterGetBufSize({20, 7, 9}, {4, 2, 5}, 1, &size), vekStatusOk);
+        EXPECT_EQ(size, 3 * (128 + 32 * 2 * 2 * 5 + 32));
+    }
+}
+
+TEST(FilterBufSize, ChecksPointerThenSizesThenChannels) {
+    int size = 12345;
+    EXPECT_EQ(vekrFilterGetBufSize({0, 1, 1}, {1, 1, 1}, 3, nullptr), vekStatusNullPtr);
+    const VekrVolume good{4, 4, 4};
+    const VekrVolume bad[] = {{0, 4, 4}, {4, 0, 4}, {4, 4, -1}};
+    for (const VekrVolume& b : bad) {
+        EXPECT_EQ(vekrFilterGetBufSize(b, good, 3, &size), vekStatusBadSize);
+        EXPECT_EQ(vekrFilterGetBufSize(good, b, 3, &size), vekStatusBadSize);
+    }
+    EXPECT_EQ(vekrFilterGetBufSize(good, good, 3, &size), vekStatusBadNumChannels);
+    EXPECT_EQ(vekrFilterGetBufSize(good, good, 0, &size), vekStatusBadNumChannels);
+    EXPECT_EQ(size, 12345);
+}
+
+TEST(Filter, ChecksInOrderAndWritesNothingOnError) {
+    const VekrVolume dv{9, 4, 3}, kv{3, 3, 3};
+    const VekrPoint3D a{1, 1, 1};
+    SrcVolume src(dv, kv, a);
+    DstVolume dst(dv);
+    std::vector<std::int32_t> kernel(27, 1);
+    int size = 0;
+    ASSERT_EQ(vekrFilterGetBufSize(dv, kv, 1, &size), vekStatusOk);
+    vt::Buf<std::uint8_t> buf(static_cast<std::size_t>(size));
+    vt::fillCanary(buf);
+    auto call = [&](const std::int16_t* const* s, std::int16_t* const* d, VekrVolume dvol, const std::int32_t* k,
+                    VekrVolume kvol, int divisor, std::uint8_t* b) {
+        return vekrFilter_16s_C1PV(s, src.stepBytes(), d, dst.stepBytes(), dvol, k, kvol, a, divisor, b);
+    };
+    const auto* s = src.planes();
+    auto* d = dst.planes();
+    const auto* k = kernel.data();
+    auto* b = buf.data();
+    // Null pointers come before every size check, and the buffer comes last
+    // among the pointers.
+    EXPECT_EQ(call(nullptr, d, {0, 1, 1}, k, kv, 0, b), vekStatusNullPtr);
+    EXPECT_EQ(call(s, nullptr, dv, k, kv, 1, b), vekStatusNullPtr);
+    EXPECT_EQ(call(s, d, dv, nullptr, kv, 1, b), vekStatusNullPtr);
+    EXPECT_EQ(call(s, d, {-1, 1, 1}, k, {0, 0, 0}, 0, nullptr), vekStatusNullPtr);
+    // Destination sizes, then kernel sizes, then the divisor; the anchor is
+    // not checked.
+    for (VekrVolume bad : {VekrVolume{0, 4, 3}, VekrVolume{9, 0, 3}, VekrVolume{9, 4, 0}}) {
+        EXPECT_EQ(call(s, d, bad, k, kv, 0, b), vekStatusBadSize);
+        EXPECT_EQ(call(s, d, dv, k, bad, 0, b), vekStatusBadSize);
+    }
+    EXPECT_EQ(call(s, d, dv, k, kv, 0, b), vekStatusBadSize);
+    EXPECT_TRUE(dst.intact(true));
+    EXPECT_TRUE(vt::CanaryIntact(buf));
+}
+
+TEST(Filter, SingleTapKernelShiftsByAnchorMinusTap) {
+    // A kernel whose one non-zero tap is kernel[k][j][i] moves the volume:
+    // dst(x, y, z) = src(x + anchor.x - i, y + anchor.y - j, z + anchor.z - k),
+    // a plain copy when the tap is the anchor (the 1x1x1 kernel). Anchors
+    // outside the kernel are allowed (the anchor is not checked). The tap is 1
+    // with divisor 1 (packed path) or 65536 with divisor 65536 (wide path; the
+    // products and the scale 2^-16 are exact).
+    const VekrVolume dv{13, 6, 4};
+    struct Case {
+        VekrVolume kv;
+        VekrPoint3D a;
+    };
+    const Case cases[] = {{{1, 1, 1}, {0, 0, 0}}, {{3, 4, 2}, {1, 2, 0}},  {{5, 1, 3}, {4, 0, 2}},
+                          {{2, 2, 2}, {0, 1, 1}}, {{4, 3, 1}, {-1, 3, 0}}, {{1, 2, 3}, {0, 0, 0}}};
+    vt::Rng rng(7);
+    for (const Case& c : cases) {
+        SrcVolume src(dv, c.kv, c.a);
+        src.fillRandom(rng, -32768, 32767);
+        src.at(0, 0, 0) = -32768;
+        src.at(dv.width - 1, dv.height - 1, dv.depth - 1) = 32767;
+        const int n = c.kv.width * c.kv.height * c.kv.depth;
+        for (int t = 0; t < n; ++t) {
+            const int i = t % c.kv.width, j = t / c.kv.width % c.kv.height, k = t / (c.kv.width * c.kv.height);
+            std::vector<std::int16_t> expect;
+            for (int z = 0; z < dv.depth; ++z)
+                for (int y = 0; y < dv.height; ++y)
+                    for (int x = 0; x < dv.width; ++x)
+                        expect.push_back(src.at(x + c.a.x - i, y + c.a.y - j, z + c.a.z - k));
+            std::vector<std::int32_t> packed(n, 0), wide(n, 0);
+            packed[t] = 1;
+            wide[t] = 65536;
+            EXPECT_TRUE(vt::SameBits(filtered(src, dv, packed, c.kv, c.a, 1), expect)) << "tap " << i << j << k;
+            EXPECT_TRUE(vt::SameBits(filtered(src, dv, wide, c.kv, c.a, 65536), expect)) << "tap " << i << j << k;
+        }
+    }
+}
+
+TEST(Filter, MatchesIntegerReferenceForManyKernelShapes) {
+    // Odd and even widths (the odd row ends in a half-empty pair), widths that
+    // leave tails after groups of eight, negative and inexact divisors. The
+    // ranges keep every sum inside 32 bits.
+    struct Case {
+        VekrVolume dv, kv;
+        VekrPoint3D a;
+        int coefLo, coefHi, voxLo, voxHi, divisor;
+    };
+    const Case cases[] = {
+        {{17, 5, 4}, {3, 3, 3}, {1, 1, 1}, -50, 50, -32768, 32767, 27},
+        {{23, 3, 3}, {5, 5, 5}, {2, 2, 2}, -32767, 32766, -400, 400, 1000},
+        {{8, 4, 3}, {7, 1, 2}, {3, 0, 1}, -32767, 32766, -4000, 4000, -3},
+        {{31, 2, 2}, {9, 2, 1}, {0, 1, 0}, -200, 200, -32768, 32767, 7},
+        {{6, 7, 5}, {2, 3, 4}, {1, 0, 3}, -32767, 32766, -2000, 2000, 65536},
+        {{40, 3, 2}, {4, 4, 2}, {3, 3, 1}, -1000, 1000, -32768, 32767, -1},
+        {{9, 9, 9}, {1, 1, 7}, {0, 0, 3}, -32767, 32766, -9000, 9000, 2},
+    };
+    vt::Rng rng(11);
+    for (const Case& c : cases) {
+        SrcVolume src(c.dv, c.kv, c.a);
+        src.fillRandom(rng, c.voxLo, c.voxHi);
+        const auto kernel = randomKernel(rng, c.kv, c.coefLo, c.coefHi);
+        EXPECT_TRUE(vt::SameBits(filtered(src, c.dv, kernel, c.kv, c.a, c.divisor),
+                                 reference(src, c.dv, kernel, c.kv, c.a, c.divisor)))
+            << "kernel " << c.kv.width << "x" << c.kv.height << "x" << c.kv.depth;
+    }
+}
+
+TEST(Filter, PackingBoundsAndWideCoefficientsMatchReference) {
+    // -32767 and 32766 are the packing limits; 32767, -32768 and the int32
+    // extremes force the wide path, whose sums here go far beyond 32 bits.
+    const VekrVolume dv{19, 4, 3}, kv{3, 2, 2};
+    const VekrPoint3D a{1, 1, 0};
+    SrcVolume src(dv, kv, a);
+    vt::Rng rng(5);
+    src.fillRandom(rng, -32768, 32767);
+    const std::int32_t packedEdges[] = {-32767, 32766};
+    const std::int32_t wideValues[] = {32767, -32768, std::numeric_limits<std::int32_t>::max(),
+                                       std::numeric_limits<std::int32_t>::min()};
+    for (std::int32_t edge : packedEdges) {
+        // Two extreme taps per output keep the sum inside 32 bits.
+        std::vector<std::int32_t> kernel(12, 0);
+        kernel[0] = edge;
+        kernel[7] = edge;
+        for (int divisor : {1, 5, -32768})
+            EXPECT_TRUE(
+                vt::SameBits(filtered(src, dv, kernel, kv, a, divisor), reference(src, dv, kernel, kv, a, divisor)))
+                << edge << " / " << divisor;
+    }
+    for (std::int32_t big : wideValues) {
+        auto kernel = randomKernel(rng, kv, -32767, 32766);
+        kernel[4] = big;
+        for (int divisor : {1, 3 << 20, -(1 << 30), std::numeric_limits<int>::max()})
+            EXPECT_TRUE(
+                vt::SameBits(filtered(src, dv, kernel, kv, a, divisor), reference(src, dv, kernel, kv, a, divisor)))
+                << big << " / " << divisor;
+    }
+}
+
+TEST(Filter, WidePathEqualsPackedPathWhereBothApply) {
+    // The same packable kernel, once alone (packed path) and once widened by
+    // a far tap of 32767 that only ever reads zeros (wide path): the far tap
+    // adds nothing, so both must store the same values, tails included.
+    const VekrVolume dv{21, 3, 3}, kv{3, 3, 3};
+    const VekrPoint3D a{1, 1, 1};
+    const int gap = dv.width;  // far tap at i = 3 + gap reads x + 1 - 3 - gap < -1
+    const VekrVolume kvWide{kv.width + gap + 1, kv.height, kv.depth};
+    SrcVolume src(dv, kvWide, a);
+    vt::Rng rng(3);
+    src.fillRandom(rng, -32768, 32767);
+    for (int z = -1; z < dv.depth + 1; ++z)
+        for (int y = -1; y < dv.height + 1; ++y)
+            for (int x = a.x - (kvWide.width - 1); x < a.x - (kv.width - 1); ++x) src.at(x, y, z) = 0;
+    for (int round = 0; round < 3; ++round) {
+        const auto kernel = randomKernel(rng, kv, -2000, 2000);
+        std::vector<std::int32_t> wide(static_cast<std::size_t>(kvWide.width) * kvWide.height * kvWide.depth, 0);
+        for (int k = 0; k < kv.depth; ++k)
+            for (int j = 0; j < kv.height; ++j)
+                for (int i = 0; i < kv.width; ++i)
+                    wide[(k * kvWide.height + j) * kvWide.width + i] = kernel[(k * kv.height + j) * kv.width + i];
+        wide[kvWide.width - 1] = 32767;
+        for (int divisor : {1, 3, 1000}) {
+            const auto packedOut = filtered(src, dv, kernel, kv, a, divisor);
+            EXPECT_TRUE(vt::SameBits(filtered(src, dv, wide, kvWide, a, divisor), packedOut));
+            EXPECT_TRUE(vt::SameBits(packedOut, reference(src, dv, kernel, kv, a, divisor)));
+        }
+    }
+}
+
+TEST(Filter, RoundsTiesToEvenAndSaturates) {
+    // One-tap kernels, so that each voxel's sum is coefficient * voxel. Eight
+    // voxels take the vector code and the ninth the row tail; the expected
+    // values are worked out by hand.
+    const VekrVolume dv{9, 1, 1}, kv{1, 1, 1};
+    const VekrPoint3D a{0, 0, 0};
+    struct Case {
+        std::int32_t coef;
+        int divisor;
+        std::int16_t in[9];
+        std::int16_t out[9];
+    };
+    const Case cases[] = {
+        // Halves go to the even neighbour: 2.5 -> 2, 7.5 -> 8, -2.5 -> -2, 17.5 -> 18.
+        {5, 2, {1, 3, -1, 7, -3, 0, 2, 1, 3}, {2, 8, -2, 18, -8, 0, 5, 2, 8}},
+        {5, -2, {1, 3, -1, 7, -3, 0, 2, 1, 3}, {-2, -8, 2, -18, 8, 0, -5, -2, -8}},
+        // Sums beyond 16 bits saturate: 70000 -> 32767, -70000 -> -32768.
+        {7,
+         1,
+         {10000, -10000, 4681, 4682, -4681, -4682, -4682, 10000, -10000},
+         {32767, -32768, 32767, 32767, -32767, -32768, -32768, 32767, -32768}},
+        // The sum becomes a float before scaling: 17775105 is 17775104 as a
+        // float, 17775104 / 1024 = 17358.5 -> 17358 (exact 17358.50098 would give 17359).
+        {543, 1024, {32735, -32735, 1, 0, 32735, 32735, 0, 0, 32735}, {17358, -17358, 1, 0, 17358, 17358, 0, 0, 17358}},
+        // The same on the wide path.
+        {17775105, 1024, {1, -1, 0, 0, 1, 0, 0, 0, 1}, {17358, -17358, 0, 0, 17358, 0, 0, 0, 17358}},
+        {std::numeric_limits<std::int32_t>::max(),
+         1,
+         {32767, -32768, 1, -1, 0, 2, -2, 32767, -32768},
+         {32767, -32768, 32767, -32768, 0, 32767, -32768, 32767, -32768}},
+    };
+    for (const Case& c : cases) {
+        SrcVolume src(dv, kv, a);
+        for (int x = 0; x < 9; ++x) src.at(x, 0, 0) = c.in[x];
+        EXPECT_TRUE(
+            vt::SameBits(filtered(src, dv, {c.coef}, kv, a, c.divisor), std::vector<std::int16_t>(c.out, c.out + 9)))
+            << c.coef << " / " << c.divisor;
+    }
+}
+
+TEST(Filter, SumRoundingUpTo2Pow31SaturatesHigh) {
+    // kernel (-32767, -32767, 1, 1, 1) over (-32768, -32768, 32767, 32767, 1)
+    // sums to 2^31 - 1, which becomes the float 2^31: the result must be 32767,
+    // not the conversion's overflow value. Checked in a vector lane and in a tail.
+    const VekrVolume kv{5, 1, 1};
+    const VekrPoint3D a{4, 0, 0};
+    const std::vector<std::int32_t> kernel{-32767, -32767, 1, 1, 1};
+    for (int width : {1, 8}) {
+        const VekrVolume dv{width, 1, 1};
+        SrcVolume src(dv, kv, a);
+        // dst(0) = sum over i of kernel[i] * src(4 - i)
+        src.at(4, 0, 0) = -32768;
+        src.at(3, 0, 0) = -32768;
+        src.at(2, 0, 0) = 32767;
+        src.at(1, 0, 0) = 32767;
+        src.at(0, 0, 0) = 1;
+        EXPECT_EQ(filtered(src, dv, kernel, kv, a, 1)[0], 32767) << "width " << width;
+    }
+}
+
+TEST(Filter, SameResultForOneTwoAndThreeThreads) {
+    const VekrVolume dv{21, 18, 17};
+    const VekrPoint3D a{1, 2, 1};
+    vt::Rng rng(9);
+    for (VekrVolume kv : {VekrVolume{3, 3, 3}, VekrVolume{4, 5, 2}}) {
+        SrcVolume src(dv, kv, a);
+        src.fillRandom(rng, -32768, 32767);
+        for (bool wide : {false, true}) {
+            auto kernel = randomKernel(rng, kv, -100, 100);
+            if (wide) kernel[3] = 1 << 20;
+            const int divisor = wide ? 1 << 18 : 50;
+            std::vector<std::int16_t> single;
+            {
+                ThreadCount t(1);
+                single = filtered(src, dv, kernel, kv, a, divisor);
+            }
+            EXPECT_TRUE(vt::SameBits(single, reference(src, dv, kernel, kv, a, divisor)));
+            for (int n : {2, 3}) {
+                ThreadCount t(n);
+                EXPECT_TRUE(vt::SameBits(filtered(src, dv, kernel, kv, a, divisor), single)) << n << " threads";
+            }
+        }
+    }
+}
+
+TEST(Filter, SameResultForAnyPlaneOffsetRowStepAndBufferOffset) {
+    // Planes and rows start at every 2-byte offset from a 16-byte boundary,
+    // steps are not multiples of 16 bytes and the work buffer is misaligned;
+    // the values must not change and row padding must stay untouched.
+    const VekrVolume dv{19, 5, 3};
+    const VekrPoint3D a{2, 1, 1};
+    for (VekrVolume kv : {VekrVolume{5, 3, 3}, VekrVolume{3, 2, 2}}) {
+        for (bool wide : {false, true}) {
+            vt::Rng seed(kv.width + wide);
+            const auto kernel = [&] {
+                auto k = randomKernel(seed, kv, -3000, 3000);
+                if (wide) k[0] = -70000;
+                return k;
+            }();
+            auto run = [&](std::size_t offsetBytes) {
+                const int off = static_cast<int>(offsetBytes / 2);
+                SrcVolume src(dv, kv, a, off, off % 5);
+                vt::Rng rng(1);
+                src.fillRandom(rng, -32768, 32767);
+                DstVolume dst(dv, off, (off * 3) % 7);
+                EXPECT_EQ(runFilter(src, dst, dv, kernel, kv, a, 9, offsetBytes % 16), vekStatusOk);
+                EXPECT_TRUE(dst.intact());
+                const auto v = dst.values();
+                return std::vector<std::uint8_t>(reinterpret_cast<const std::uint8_t*>(v.data()),
+                                                 reinterpret_cast<const std::uint8_t*>(v.data() + v.size()));
+            };
+            EXPECT_TRUE(vt::SameAcrossOffsets(run, {2, 4, 6, 8, 10, 12, 14, 22}));
+        }
+    }
+}
+
+}  // namespace
