@@ -222,11 +222,110 @@ VEKR_API VekStatus vekrSetBoundBox_32f(const float* pVertices, int numVertices, 
 /* @@raytrace-declarations@@ */
 /* @@shading-raycast-declarations@@ */
 
+/* Primary-ray directions for a width x height block of pixels, row after row:
+ * dir = (pStepY*v + pOrigin) + pStepX*u per component, with
+ * u = i + blockX*blockWidth and v = j + blockY*blockHeight (the block offsets
+ * are int32 products). Not normalised. Only pDir is checked (vekStatusNullPtr);
+ * width or height below 1 writes nothing. */
+VEKR_API VekStatus vekrCastEye_32f(const float pOrigin[3], const float pStepX[3], const float pStepY[3],
+                                   int blockX, int blockY, int blockWidth, int blockHeight,
+                                   float* const pDir[3], int width, int height);
+
+/* Mirror reflection of each incident direction about its normal:
+ * d = inc.y*n.y + inc.z*n.z + inc.x*n.x, refl = inc - n*(d + d); (0, 0, 0) for
+ * a ray with a negative mask. pInc, pMask, pNormal, pRefl are checked
+ * (vekStatusNullPtr); count below 1 does nothing. */
+VEKR_API VekStatus vekrCastReflectionRay_32f(const float* const pInc[3], const int32_t* pMask,
+                                             const float* const pNormal[3], float* const pRefl[3], int count);
+
+/* Shadow rays from the light at pLight to each surface point pHit: s = hit - light,
+ * d = s.n. A live ray survives when pSide[i]*d > 0 and |d| >= 0.0017453292, and
+ * gets pDist = |d| and pShadowDir = s; otherwise both are 0 and a live ray's
+ * mask becomes -1 (a mask negative on entry is kept). pSide, pNormal, pHit,
+ * pMask, pShadowDir, pDist are checked (vekStatusNullPtr); pLight is not. */
+VEKR_API VekStatus vekrCastShadowSO_32f(const float pLight[3], const float* pSide, const float* const pNormal[3],
+                                        const float* const pHit[3], int32_t* pMask, float* pDist,
+                                        float* const pShadowDir[3], int count);
+
+/* Hit points from one origin: hit = ((dir*eps)*dist) + origin per component,
+ * (0, 0, 0) where the mask is negative. pDist, pMask, pDir, pHit are checked
+ * (vekStatusNullPtr); pOrigin is not. count below 1 does nothing. */
+VEKR_API VekStatus vekrHitPoint3DEpsS0_32f_M(const float pOrigin[3], const float* const pDir[3],
+                                             const float* pDist, const int32_t* pMask, float* const pHit[3],
+                                             int count, float eps);
+
+/* Hit points from per-ray origins (planar), otherwise as
+ * vekrHitPoint3DEpsS0_32f_M. pDist, pMask, pDir, pHit, pOrigin are checked. */
+VEKR_API VekStatus vekrHitPoint3DEpsM0_32f_M(const float* const pOrigin[3], const float* const pDir[3],
+                                             const float* pDist, const int32_t* pMask, float* const pHit[3],
+                                             int count, float eps);
+
+/* Flat normals: the three floats at pTriNorm + 3*t for the ray's triangle t,
+ * copied bit for bit, or (0, 0, 0) for t < 0. pTriNorm and pTriIndex are
+ * checked (vekStatusNullPtr); count below 1 does nothing. */
+VEKR_API VekStatus vekrSurfFlatNormal_32f(const float* pTriNorm, const int32_t* pTriIndex, float* const pNorm[3],
+                                          int count);
+
+/* Smooth normals: the vertex normals of entries t*triStride + 0, 1, 2 of
+ * pTriVert weighted by u (first vertex), v (second) and (1 - u) - v (third),
+ * then normalised; (0, 0, 0) for t < 0 or a squared length below 1.1920929e-7.
+ * pUV holds the u and v arrays. pVertNorm, pTriVert, pTriIndex, pUV, pNorm are
+ * checked (vekStatusNullPtr); count below 1 does nothing. */
+VEKR_API VekStatus vekrSurfSmoothNormal_32f(const float* pVertNorm, const int32_t* pTriVert,
+                                            const int32_t* pTriIndex, const float* const pUV[2],
+                                            float* const pNorm[3], int count, int triStride);
+
+/* Unit normal of each triangle (four int32 per triangle, the first three vertex
+ * indices): (p0 - p2) x (p1 - p2) normalised in double precision, rounded to
+ * float; (0, 0, 0) when its squared length is below 2.220446049250313e-16.
+ * Runs on ownGetNumThreads() threads. pVertCoord, pTriVert, pTriNorm are
+ * checked (vekStatusNullPtr); numTriangles below 1 does nothing. */
+VEKR_API VekStatus vekrTriangleNormal_32f(const float* pVertCoord, const int32_t* pTriVert, float* pTriNorm,
+                                          int numTriangles);
+
 /* ------------------------------------------------------------------------ */
 /* Shading arithmetic                                                        */
 /* ------------------------------------------------------------------------ */
 
 /* @@shading-declarations@@ */
+
+/* pDst = a.x*b.x + a.y*b.y + a.z*b.z (left to right); 0 where the mask is
+ * negative. All four pointers are checked (vekStatusNullPtr). */
+VEKR_API VekStatus vekrDot_32f_P3C1M(const float* const pSrc1[3], const float* const pSrc2[3],
+                                     const int32_t* pMask, float* pDst, int count);
+
+/* Orients each live normal against its ray: d = dir.n (left to right),
+ * s = -1 where d > 0, else +1 (so NaN d gives +1); the normal becomes s*n and
+ * pDot = d*s. Masked rays get pDot 0 and keep their normal untouched. All four
+ * pointers are checked (vekStatusNullPtr). */
+VEKR_API VekStatus vekrDotChangeNorm_32f_IM(const float* const pDir[3], const int32_t* pMask,
+                                            float* const pNormal[3], float* pDot, int count);
+
+/* Distance to the light, at least 1: pDist = sqrt(q), q = |point - light|^2,
+ * unless q < 1, then 1; 1 for a masked ray. pPoint, pMask, pDist are checked
+ * (vekStatusNullPtr); pLight is not. */
+VEKR_API VekStatus vekrDistAttenuationSO_32f_M(const float pLight[3], const float* const pPoint[3],
+                                               const int32_t* pMask, float* pDist, int count);
+
+/* pSrcDst = (pSrcDst*pSrc)*f with f = 1 for a live ray and 0 for a masked one
+ * (so a masked infinite or NaN product becomes NaN). Checks no pointers. */
+VEKR_API VekStatus vekrMul_32f_C1IM(const float* pSrc, const int32_t* pMask, float* pSrcDst, int count);
+
+/* Each plane of pSrcDst: (dst*pSrc)*f, f as in vekrMul_32f_C1IM. pSrc, pMask,
+ * pSrcDst are checked (vekStatusNullPtr). */
+VEKR_API VekStatus vekrMul_32f_C1P3IM(const float* pSrc, const int32_t* pMask, float* const pSrcDst[3], int count);
+
+/* pSrcDst /= pSrc for live rays, 0 for masked ones. A zero divisor gives +inf,
+ * -inf or NaN (0xFFC00000) by the dividend's sign and makes the call return
+ * vekStatusDivByZero after processing every element. pSrc and pSrcDst are
+ * checked (vekStatusNullPtr); pMask is not. */
+VEKR_API VekStatus vekrDiv_32f_C1IM(const float* pSrc, const int32_t* pMask, float* pSrcDst, int count);
+
+/* Colour accumulation for live rays: dst.c += (src2.c*color[c])*src1; masked
+ * rays are not touched. pSrc1, pSrc2, pMask, pSrcDst are checked
+ * (vekStatusNullPtr); pColor is not. */
+VEKR_API VekStatus vekrAddMulMul_32f_AC1P3IM(const float pColor[3], const float* pSrc1, const float* const pSrc2[3],
+                                             const int32_t* pMask, float* const pSrcDst[3], int count);
 
 /* ------------------------------------------------------------------------ */
 /* Spherical harmonics                                                       */
