@@ -215,6 +215,36 @@ VEKR_API VekStatus vekrSetBoundBox_32f(const float* pVertices, int numVertices, 
 
 /* @@scene-declarations@@ */
 
+/* Writes the size in bytes of one VekrTriangleAccel record (40) to *pSize.
+ * A null pSize gives vekStatusNullPtr. */
+VEKR_API VekStatus vekrTriangleAccelGetSize(int* pSize);
+
+/* Fills pAccel[0 .. numTriangles-1], one record per triangle (four ints per
+ * triangle: three vertex indices and one unused word; vertices x, y, z).
+ * Set-up runs in double precision, rounded to float at the store; a triangle
+ * without area gets an all-zero record. Checks nothing, always returns
+ * vekStatusOk; numTriangles < 1 writes nothing. */
+VEKR_API VekStatus vekrTriangleAccelInit(VekrTriangleAccel* pAccel, const float* pVertices,
+                                         const int* pTriangles, int numTriangles);
+
+/* Builds a KD tree over the triangles into one position-independent block
+ * allocated with vekMalloc; *ppTree receives the block (its root node at
+ * offset 0) and *pSize its size in bytes. Checks, in order: null ppTree,
+ * pVertices, pTriangles or pSize (vekStatusNullPtr); negative counts
+ * (vekStatusBadSize); null pParams (vekStatusNullPtr); an unknown algorithm
+ * code (vekStatusBadAlgorithm); maxDepth outside 0..50, or for the
+ * surface-area build costBalance outside 0..1 (vekStatusOutOfRange); a
+ * budget below 32 MiB or below the build's up-front need
+ * (vekStatusNoMemory). The surface-area build may also end with
+ * vekStatusBudgetExhausted. Nothing is written unless the build succeeds. */
+VEKR_API VekStatus vekrKDTreeBuildAlloc(VekrKDTreeNode** ppTree, const float* pVertices,
+                                        const int* pTriangles, int numVertices, int numTriangles,
+                                        int* pSize, const VekrKDTreeBuildParams* pParams);
+
+/* Releases a tree block made by vekrKDTreeBuildAlloc (null is passed on to
+ * vekFree). */
+VEKR_API void vekrKDTreeFree(VekrKDTreeNode* pTree);
+
 /* ------------------------------------------------------------------------ */
 /* Ray queries: casting, intersection, hit points and normals                */
 /* ------------------------------------------------------------------------ */
