@@ -250,6 +250,50 @@ VEKR_API void vekrKDTreeFree(VekrKDTreeNode* pTree);
 /* ------------------------------------------------------------------------ */
 
 /* @@raytrace-declarations@@ */
+
+/* Nearest hit of width x height rays from one eye point (pOrigin: x, y, z).
+ * pDirection: planar x, y, z (need not be unit length; distances are in units
+ * of the direction's length). pDist: in, the far limit per ray; out, the
+ * nearest hit distance (unchanged without a hit). pHit[0], pHit[1]: the
+ * barycentric weights of the hit triangle's first and second vertex, written
+ * only on a hit. pTrngl: the hit triangle, -1 for none. A hit counts when
+ * 0 < t < distance. Checks nothing; always vekStatusOk. */
+VEKR_API VekStatus vekrIntersectEyeSO_32f(const float* pOrigin, const float* const pDirection[3], float* pDist,
+                                          float* const pHit[2], int32_t* pTrngl,
+                                          const VekrIntersectContext* pContext, int width, int height);
+
+/* Nearest hit of rays with their own origins (planar pOrigin), outputs as for
+ * vekrIntersectEyeSO_32f, but: a ray parallel to an axis misses unless its
+ * origin lies strictly inside the box's slab on that axis; triangles seen
+ * nearly edge-on (|det| < 1.1920929e-6) are ignored; a new hit must be nearer
+ * than the recorded one by more than 0.00001. Checks nothing; always
+ * vekStatusOk. */
+VEKR_API VekStatus vekrIntersectMO_32f(const float* const pOrigin[3], const float* const pDirection[3], float* pDist,
+                                       float* const pHit[2], int32_t* pTrngl, const VekrIntersectContext* pContext,
+                                       int width, int height);
+
+/* Up to depth successive hits along each ray from one origin. Every output
+ * holds depth planes of width x height elements (level L of ray i at
+ * L * width * height + i). pDist level 0: in, the far limit; out, the first
+ * hit; deeper levels: distances from pOrigin (cumulative), searched up to the
+ * scene box's exit; a level without a hit after a found one gets index -1 and
+ * distance FLT_MAX. All depth x width x height indices are first set to -1.
+ * Level L ignores the triangle of level L - 1 and the first (L mod 8) entries
+ * of an eight-entry hit list (entry L mod 8 takes level L's triangle). A depth
+ * below 1 searches nothing. Checks nothing; always vekStatusOk. */
+VEKR_API VekStatus vekrIntersectMultipleSO_32f(const float* pOrigin, const float* const pDirection[3], float* pDist,
+                                               float* const pHit[2], int32_t* pTrngl, int width, int height,
+                                               int depth, const VekrIntersectContext* pContext);
+
+/* Any hit on the segments from pOrigin to pOrigin + direction (0 < t < 1),
+ * for the rays whose pMask entry is 0 or positive. pOccluder: out, the first
+ * triangle found in traversal order (not necessarily the nearest), -1 for
+ * none (every ray). pMask: set to -1 for occluded rays, otherwise unchanged.
+ * Reads only pAccel and pRootNode of the context. Checks nothing; always
+ * vekStatusOk. */
+VEKR_API VekStatus vekrIntersectAnySO_32f(const float* pOrigin, const float* const pDirection[3], int32_t* pOccluder,
+                                          int32_t* pMask, int width, int height, const VekrIntersectContext* pContext);
+
 /* @@shading-raycast-declarations@@ */
 
 /* Primary-ray directions for a width x height block of pixels, row after row:

@@ -1,0 +1,1 @@
+vekr_component(raytrace raytrace/intersect.cpp)

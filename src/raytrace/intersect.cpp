@@ -1,0 +1,430 @@
+// The four intersection queries over the shared KD-tree walk: nearest hit from
+// one eye point, nearest hit from per-ray origins, several successive hits
+// along each ray, and any hit on a segment. Each query is a policy (its
+// triangle rules and outputs) plus a driver per path; the vector path runs
+// four consecutive rays of a row as one masked packet when their direction
+// signs agree and hands the four rays to the per-ray path otherwise.
+#include <cfloat>
+#include <cstdint>
+
+#include "core/own.h"
+#include "raytrace/traverse.h"
+
+namespace vekr {
+namespace {
+
+// ---------------------------------------------------------------------------
+// Query policies (see the contract above ownWalk1)
+// ---------------------------------------------------------------------------
+
+// The outputs of one hit level: distance, the two barycentric weights and the
+// triangle index.
+template <class L>
+struct OwnHitRecord {
+    typename L::F dist, h0, h1;
+    typename L::I idx;
+
+    // Records the hit on the lanes of m; the weights are b/det for the first
+    // vertex and g/det for the second.
+    void record(typename L::M m, int32_t j, const OwnTriTerms<L>& tt) {
+        if (!L::any(m)) return;
+        dist = L::sel(m, tt.t, dist);
+        h1 = L::sel(m, tt.g / tt.det, h1);
+        h0 = L::sel(m, tt.b / tt.det, h0);
+        idx = L::selI(m, L::splatI(j), idx);
+    }
+    typename L::F bound() const { return dist; }
+};
+
+// Nearest hit: every non-degenerate triangle of a visited leaf is tested, even
+// the one already recorded; a hit must be strictly nearer than the current
+// distance and strictly beyond the origin.
+template <class L>
+struct OwnEyePolicy : OwnHitRecord<L> {
+    static constexpr float kSplitTol = kOwnSplitTol;
+    bool skip(int32_t, const VekrTriangleAccel& R) const { return R.axisCode == 0; }
+    typename L::M consider(int32_t j, typename L::M active, const OwnTriTerms<L>& tt) {
+        const typename L::M m = L::both(L::both(active, tt.inside),
+                                        L::both(L::gt(this->dist, tt.t), L::gt(tt.t, L::splat(0.0f))));
+        this->record(m, j, tt);
+        return L::none();
+    }
+};
+
+// Nearest hit from per-ray origins. Deliberately stricter than the eye query:
+// near edge-on triangles (|det| below ten times the parallel threshold) and
+// the triangle already recorded are ignored, and a new hit must be nearer by
+// more than 0.00001.
+template <class L>
+struct OwnMOPolicy : OwnHitRecord<L> {
+    static constexpr float kSplitTol = kOwnSplitTol;
+    bool skip(int32_t, const VekrTriangleAccel& R) const { return R.axisCode == 0; }
+    typename L::M consider(int32_t j, typename L::M active, const OwnTriTerms<L>& tt) {
+        typename L::M m = L::andNot(active, L::lt(L::abs(tt.det), L::splat(1.1920929e-6f)));
+        m = L::andNot(m, L::eqI(this->idx, L::splatI(j)));
+        m = L::both(m, tt.inside);
+        m = L::both(m, L::both(L::gt(this->dist - L::splat(0.00001f), tt.t), L::gt(tt.t, L::splat(0.0f))));
+        this->record(m, j, tt);
+        return L::none();
+    }
+};
+
+// One level of the multiple-hit query: the previous level's triangle and the
+// first (level mod 8) entries of the hit list are ignored.
+template <class L>
+struct OwnMultiplePolicy : OwnHitRecord<L> {
+    static constexpr float kSplitTol = kOwnSplitTolMultiple;
+    typename L::I prev;
+    const typename L::I* list;
+    int numList;
+    bool skip(int32_t, const VekrTriangleAccel& R) const { return R.axisCode == 0; }
+    typename L::M consider(int32_t j, typename L::M active, const OwnTriTerms<L>& tt) {
+        const typename L::I jj = L::splatI(j);
+        typename L::M seen = L::eqI(prev, jj);
+        for (int e = 0; e < numList; ++e) seen = L::either(seen, L::eqI(list[e], jj));
+        typename L::M m = L::andNot(active, seen);
+        m = L::both(m, L::both(tt.inside, L::both(L::gt(this->dist, tt.t), L::gt(tt.t, L::splat(0.0f)))));
+        this->record(m, j, tt);
+        return L::none();
+    }
+};
+
+// Any hit on the segment origin .. origin + direction: the first triangle
+// accepted with 0 < t < 1 ends the ray.
+template <class L>
+struct OwnAnyPolicy {
+    static constexpr float kSplitTol = kOwnSplitTol;
+    typename L::I occluder, mask;
+    bool skip(int32_t, const VekrTriangleAccel& R) const { return R.axisCode == 0; }
+    typename L::F bound() const { return L::splat(1.0f); }
+    typename L::M consider(int32_t j, typename L::M active, const OwnTriTerms<L>& tt) {
+        const typename L::I jj = L::splatI(j);
+        typename L::M m = L::andNot(active, L::eqI(occluder, jj));
+        m = L::both(m, L::both(tt.inside, L::both(L::gt(L::splat(1.0f), tt.t), L::gt(tt.t, L::splat(0.0f)))));
+        if (L::any(m)) {
+            occluder = L::selI(m, jj, occluder);
+            mask = L::selI(m, L::splatI(-1), mask);
+        }
+        return m;
+    }
+};
+
+// ---------------------------------------------------------------------------
+// Nearest-hit drivers (eye and per-origin queries)
+// ---------------------------------------------------------------------------
+
+// Ray origins: three planes, read at element i (stride 1) or always at
+// element 0 (stride 0, one shared point).
+struct OwnOrigins {
+    const float* const* planes;
+    std::size_t stride;
+};
+
+template <template <class> class Policy, OwnBoxMode mode>
+void ownNearestRay(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2],
+                   int32_t* trngl, std::size_t i, const VekrIntersectContext* ctx) {
+    trngl[i] = -1;
+    OwnRay<OwnLane1> r;
+    for (int a = 0; a < 3; ++a) {
+        r.o[a] = org.planes[a][i * org.stride];
+        r.d[a] = dir[a][i];
+    }
+    float tNear = 0.0f, tFar = dist[i];
+    bool neg[3];
+    if (!ownSetupRay<OwnLane1, mode>(ctx->pBound, r, tNear, tFar, neg)) return;
+    const int sign[3] = {neg[0], neg[1], neg[2]};
+    Policy<OwnLane1> p;
+    p.dist = dist[i];
+    p.h0 = 0.0f;
+    p.h1 = 0.0f;
+    p.idx = -1;
+    ownWalk1(ctx->pRootNode, ctx->pAccel, r, sign, tNear, tFar, p);
+    if (p.idx != -1) {
+        dist[i] = p.dist;
+        hit[0][i] = p.h0;
+        hit[1][i] = p.h1;
+        trngl[i] = p.idx;
+    }
+}
+
+// Four rays at i (16-byte aligned arrays). Returns false, having written
+// nothing, when the rays that enter the box disagree in a direction sign.
+template <template <class> class Policy, OwnBoxMode mode>
+bool ownNearestPacket(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2],
+                      int32_t* trngl, std::size_t i, const VekrIntersectContext* ctx) {
+    OwnRay<OwnLane4> r;
+    for (int a = 0; a < 3; ++a) {
+        r.o[a] = org.stride ? _mm_load_ps(org.planes[a] + i) : _mm_set1_ps(org.planes[a][0]);
+        r.d[a] = _mm_load_ps(dir[a] + i);
+    }
+    __m128 tNear = _mm_setzero_ps(), tFar = _mm_load_ps(dist + i);
+    __m128 neg[3];
+    const int alive = _mm_movemask_ps(ownSetupRay<OwnLane4, mode>(ctx->pBound, r, tNear, tFar, neg));
+    int sign[3] = {0, 0, 0};
+    if (alive && !ownCommonSigns(neg, alive, sign)) return false;
+    Policy<OwnLane4> p;
+    p.dist = _mm_load_ps(dist + i);
+    p.h0 = _mm_load_ps(hit[0] + i);
+    p.h1 = _mm_load_ps(hit[1] + i);
+    p.idx = _mm_set1_epi32(-1);
+    if (alive) ownWalk4(ctx->pRootNode, ctx->pAccel, r, sign, tNear, tFar, alive, p);
+    _mm_store_ps(dist + i, p.dist);
+    _mm_store_ps(hit[0] + i, p.h0);
+    _mm_store_ps(hit[1] + i, p.h1);
+    _mm_store_si128(reinterpret_cast<__m128i*>(trngl + i), p.idx);
+    return true;
+}
+
+template <template <class> class Policy, OwnBoxMode mode>
+void ownNearestBlock(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2],
+                     int32_t* trngl, const VekrIntersectContext* ctx, int width, int height, bool vector) {
+    if (width < 1) return;
+    for (int row = 0; row < height; ++row) {
+        const std::size_t base = static_cast<std::size_t>(row) * static_cast<std::size_t>(width);
+        if (vector) {
+            for (int c = 0; c < width; c += 4)
+                if (!ownNearestPacket<Policy, mode>(org, dir, dist, hit, trngl, base + c, ctx))
+                    for (int l = 0; l < 4; ++l) ownNearestRay<Policy, mode>(org, dir, dist, hit, trngl, base + c + l, ctx);
+        } else {
+            for (int c = 0; c < width; ++c) ownNearestRay<Policy, mode>(org, dir, dist, hit, trngl, base + c, ctx);
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Multiple-hit driver
+// ---------------------------------------------------------------------------
+
+// Output planes of the multiple-hit query; level L of ray i is element
+// L * plane + i.
+struct OwnLevels {
+    float* dist;
+    float* const* hit;
+    int32_t* trngl;
+    std::size_t plane;
+    int depth;
+};
+
+void ownMultipleRay(const float* origin, const float* const dir[3], const OwnLevels& out, std::size_t i,
+                    const VekrIntersectContext* ctx) {
+    OwnRay<OwnLane1> r;
+    for (int a = 0; a < 3; ++a) {
+        r.o[a] = origin[a];
+        r.d[a] = dir[a][i];
+    }
+    float tNear = 0.0f, tFar = out.dist[i];
+    bool neg[3];
+    if (!ownSetupRay<OwnLane1, OwnBoxMode::Eye>(ctx->pBound, r, tNear, tFar, neg)) return;
+    const int sign[3] = {neg[0], neg[1], neg[2]};
+    int32_t list[8] = {-1, -1, -1, -1, -1, -1, -1, -1};
+    int32_t prev = -1;
+    for (int level = 0;; ++level) {
+        const std::size_t e = static_cast<std::size_t>(level) * out.plane + i;
+        OwnMultiplePolicy<OwnLane1> p;
+        p.dist = out.dist[e];
+        p.h0 = 0.0f;
+        p.h1 = 0.0f;
+        p.idx = -1;
+        p.prev = prev;
+        p.list = list;
+        p.numList = level & 7;
+        ownWalk1(ctx->pRootNode, ctx->pAccel, r, sign, tNear, tFar, p);
+        if (p.idx == -1) return;
+        out.hit[0][e] = p.h0;
+        out.hit[1][e] = p.h1;
+        out.trngl[e] = p.idx;
+        // Restart from the hit point; distances accumulate from the origin.
+        const float t = p.dist;
+        for (int a = 0; a < 3; ++a) r.o[a] = r.o[a] + t * r.d[a];
+        out.dist[e] = level >= 1 ? t + out.dist[e - out.plane] : t;
+        list[level & 7] = p.idx;
+        prev = p.idx;
+        if (level + 1 == out.depth) return;
+        out.trngl[e + out.plane] = -1;
+        out.dist[e + out.plane] = FLT_MAX;
+        tNear = 0.0f;
+        tFar = ownBoxExit(ctx->pBound, r) + kOwnIntervalExtension;
+    }
+}
+
+// Four rays at i, all levels in lock step (each level's search of a lane is
+// independent of the other lanes). Returns false, having written nothing,
+// when the rays that enter the box disagree in a direction sign.
+bool ownMultiplePacket(const float* origin, const float* const dir[3], const OwnLevels& out, std::size_t i,
+                       const VekrIntersectContext* ctx) {
+    OwnRay<OwnLane4> r;
+    for (int a = 0; a < 3; ++a) {
+        r.o[a] = _mm_set1_ps(origin[a]);
+        r.d[a] = _mm_load_ps(dir[a] + i);
+    }
+    __m128 tNear = _mm_setzero_ps(), tFar = _mm_load_ps(out.dist + i);
+    __m128 neg[3];
+    int alive = _mm_movemask_ps(ownSetupRay<OwnLane4, OwnBoxMode::Eye>(ctx->pBound, r, tNear, tFar, neg));
+    int sign[3] = {0, 0, 0};
+    if (!alive) return true;
+    if (!ownCommonSigns(neg, alive, sign)) return false;
+    __m128i list[8];
+    for (int e = 0; e < 8; ++e) list[e] = _mm_set1_epi32(-1);
+    __m128i prev = _mm_set1_epi32(-1);
+    for (int level = 0;; ++level) {
+        const std::size_t e = static_cast<std::size_t>(level) * out.plane + i;
+        OwnMultiplePolicy<OwnLane4> p;
+        p.dist = _mm_load_ps(out.dist + e);
+        p.h0 = _mm_load_ps(out.hit[0] + e);
+        p.h1 = _mm_load_ps(out.hit[1] + e);
+        p.idx = _mm_load_si128(reinterpret_cast<const __m128i*>(out.trngl + e));  // -1 on every searching lane
+        p.prev = prev;
+        p.list = list;
+        p.numList = level & 7;
+        ownWalk4(ctx->pRootNode, ctx->pAccel, r, sign, tNear, tFar, alive, p);
+        const __m128 found = _mm_andnot_ps(OwnLane4::eqI(p.idx, _mm_set1_epi32(-1)), ownLaneMask(alive));
+        alive = _mm_movemask_ps(found);
+        if (!alive) return true;
+        _mm_store_ps(out.hit[0] + e, p.h0);
+        _mm_store_ps(out.hit[1] + e, p.h1);
+        _mm_store_si128(reinterpret_cast<__m128i*>(out.trngl + e), p.idx);
+        const __m128 t = p.dist;
+        for (int a = 0; a < 3; ++a) r.o[a] = OwnLane4::sel(found, _mm_add_ps(r.o[a], _mm_mul_ps(t, r.d[a])), r.o[a]);
+        __m128 cumulative = t;
+        if (level >= 1) cumulative = _mm_add_ps(t, _mm_load_ps(out.dist + e - out.plane));
+        _mm_store_ps(out.dist + e, OwnLane4::sel(found, cumulative, _mm_load_ps(out.dist + e)));
+        list[level & 7] = OwnLane4::selI(found, p.idx, list[level & 7]);
+        prev = OwnLane4::selI(found, p.idx, prev);
+        if (level + 1 == out.depth) return true;
+        const std::size_t next = e + out.plane;
+        _mm_store_ps(out.dist + next, OwnLane4::sel(found, _mm_set1_ps(FLT_MAX), _mm_load_ps(out.dist + next)));
+        // The next level's indices are still -1 from the initial fill.
+        tNear = _mm_setzero_ps();
+        tFar = _mm_add_ps(ownBoxExit(ctx->pBound, r), _mm_set1_ps(kOwnIntervalExtension));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Any-hit driver
+// ---------------------------------------------------------------------------
+
+void ownAnyRay(const float* origin, const float* const dir[3], int32_t* occluder, int32_t* mask, std::size_t i,
+               const VekrIntersectContext* ctx) {
+    occluder[i] = -1;
+    if (mask[i] < 0) return;
+    OwnRay<OwnLane1> r;
+    for (int a = 0; a < 3; ++a) {
+        r.o[a] = origin[a];
+        r.d[a] = dir[a][i];
+    }
+    float tNear = 0.0f, tFar = 1.0001f;
+    bool neg[3];
+    ownSetupRay<OwnLane1, OwnBoxMode::None>(nullptr, r, tNear, tFar, neg);
+    const int sign[3] = {neg[0], neg[1], neg[2]};
+    OwnAnyPolicy<OwnLane1> p;
+    p.occluder = -1;
+    p.mask = mask[i];
+    ownWalk1(ctx->pRootNode, ctx->pAccel, r, sign, tNear, tFar, p);
+    occluder[i] = p.occluder;
+    mask[i] = p.mask;
+}
+
+bool ownAnyPacket(const float* origin, const float* const dir[3], int32_t* occluder, int32_t* mask, std::size_t i,
+                  const VekrIntersectContext* ctx) {
+    OwnRay<OwnLane4> r;
+    for (int a = 0; a < 3; ++a) {
+        r.o[a] = _mm_set1_ps(origin[a]);
+        r.d[a] = _mm_load_ps(dir[a] + i);
+    }
+    const __m128i m = _mm_load_si128(reinterpret_cast<const __m128i*>(mask + i));
+    const int selected = ~_mm_movemask_ps(_mm_castsi128_ps(m)) & 15;  // sign bit clear: mask >= 0
+    __m128 tNear = _mm_setzero_ps(), tFar = _mm_set1_ps(1.0001f);
+    __m128 neg[3];
+    ownSetupRay<OwnLane4, OwnBoxMode::None>(nullptr, r, tNear, tFar, neg);
+    int sign[3] = {0, 0, 0};
+    if (selected && !ownCommonSigns(neg, selected, sign)) return false;
+    OwnAnyPolicy<OwnLane4> p;
+    p.occluder = _mm_set1_epi32(-1);
+    p.mask = m;
+    if (selected) ownWalk4(ctx->pRootNode, ctx->pAccel, r, sign, tNear, tFar, selected, p);
+    _mm_store_si128(reinterpret_cast<__m128i*>(occluder + i), p.occluder);
+    _mm_store_si128(reinterpret_cast<__m128i*>(mask + i), p.mask);
+    return true;
+}
+
+}  // namespace
+}  // namespace vekr
+
+// ---------------------------------------------------------------------------
+// Entry points
+// ---------------------------------------------------------------------------
+
+using namespace vekr;
+
+extern "C" VEKR_REALIGN_STACK VekStatus vekrIntersectEyeSO_32f(const float* pOrigin, const float* const pDirection[3],
+                                                             float* pDist, float* const pHit[2], int32_t* pTrngl,
+                                                             const VekrIntersectContext* pContext, int width,
+                                                             int height) {
+    if (height < 1) return vekStatusOk;
+    const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
+                        ownAllAligned16(pDirection[0], pDirection[1], pDirection[2], pDist, pHit[0], pHit[1], pTrngl);
+    const float* planes[3] = {pOrigin, pOrigin + 1, pOrigin + 2};
+    const OwnOrigins org{planes, 0};
+    ownNearestBlock<OwnEyePolicy, OwnBoxMode::Eye>(org, pDirection, pDist, pHit, pTrngl, pContext, width, height,
+                                                   vector);
+    return vekStatusOk;
+}
+
+extern "C" VEKR_REALIGN_STACK VekStatus vekrIntersectMO_32f(const float* const pOrigin[3],
+                                                          const float* const pDirection[3], float* pDist,
+                                                          float* const pHit[2], int32_t* pTrngl,
+                                                          const VekrIntersectContext* pContext, int width,
+                                                          int height) {
+    if (height < 1) return vekStatusOk;
+    const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
+                        ownAllAligned16(pOrigin[0], pOrigin[1], pOrigin[2], pDirection[0], pDirection[1],
+                                        pDirection[2], pDist, pHit[0], pHit[1], pTrngl);
+    const OwnOrigins org{pOrigin, 1};
+    ownNearestBlock<OwnMOPolicy, OwnBoxMode::PerOrigin>(org, pDirection, pDist, pHit, pTrngl, pContext, width,
+                                                        height, vector);
+    return vekStatusOk;
+}
+
+extern "C" VEKR_REALIGN_STACK VekStatus vekrIntersectMultipleSO_32f(const float* pOrigin,
+                                                                  const float* const pDirection[3], float* pDist,
+                                                                  float* const pHit[2], int32_t* pTrngl, int width,
+                                                                  int height, int depth,
+                                                                  const VekrIntersectContext* pContext) {
+    const int64_t total = static_cast<int64_t>(depth) * width * height;
+    for (int64_t n = 0; n < total; ++n) pTrngl[n] = -1;
+    // A depth below 1 asks for no hit at all.
+    if (height < 1 || width < 1 || depth < 1) return vekStatusOk;
+    const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
+                        ownAllAligned16(pDirection[0], pDirection[1], pDirection[2], pDist, pHit[0], pHit[1], pTrngl);
+    const OwnLevels out{pDist, pHit, pTrngl, static_cast<std::size_t>(width) * static_cast<std::size_t>(height), depth};
+    for (int row = 0; row < height; ++row) {
+        const std::size_t base = static_cast<std::size_t>(row) * static_cast<std::size_t>(width);
+        if (vector) {
+            for (int c = 0; c < width; c += 4)
+                if (!ownMultiplePacket(pOrigin, pDirection, out, base + c, pContext))
+                    for (int l = 0; l < 4; ++l) ownMultipleRay(pOrigin, pDirection, out, base + c + l, pContext);
+        } else {
+            for (int c = 0; c < width; ++c) ownMultipleRay(pOrigin, pDirection, out, base + c, pContext);
+        }
+    }
+    return vekStatusOk;
+}
+
+extern "C" VEKR_REALIGN_STACK VekStatus vekrIntersectAnySO_32f(const float* pOrigin, const float* const pDirection[3],
+                                                             int32_t* pOccluder, int32_t* pMask, int width, int height,
+                                                             const VekrIntersectContext* pContext) {
+    if (height < 1 || width < 1) return vekStatusOk;
+    const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
+                        ownAllAligned16(pDirection[0], pDirection[1], pDirection[2], pOccluder, pMask);
+    for (int row = 0; row < height; ++row) {
+        const std::size_t base = static_cast<std::size_t>(row) * static_cast<std::size_t>(width);
+        if (vector) {
+            for (int c = 0; c < width; c += 4)
+                if (!ownAnyPacket(pOrigin, pDirection, pOccluder, pMask, base + c, pContext))
+                    for (int l = 0; l < 4; ++l) ownAnyRay(pOrigin, pDirection, pOccluder, pMask, base + c + l, pContext);
+        } else {
+            for (int c = 0; c < width; ++c) ownAnyRay(pOrigin, pDirection, pOccluder, pMask, base + c, pContext);
+        }
+    }
+    return vekStatusOk;
+}

@@ -1,0 +1,440 @@
+// KD-tree traversal core shared by the four intersection queries: lane types
+// (one float, or four in an SSE register), ray set-up against the scene box,
+// the projected triangle test, leaf decoding, and two walks over the tree: the
+// per-ray walk, which defines every result, and a masked four-ray walk that
+// reproduces each lane's per-ray walk exactly.
+//
+// The walk is the classic front-to-back recursive KD-tree traversal with an
+// explicit stack (Jansen 1986; see Havran, "Heuristic Ray Shooting
+// Algorithms", 2000); the packet form follows Wald et al., "Interactive
+// Rendering with Coherent Ray Tracing" (2001), with one change: a lane that
+// wants only the far child is deferred rather than dragged along, so that
+// every lane visits exactly the leaves, in exactly the order, of its own
+// single-ray walk (hit ties between equal t depend on that order).
+#ifndef VEKR_RAYTRACE_TRAVERSE_H
+#define VEKR_RAYTRACE_TRAVERSE_H
+
+#include <emmintrin.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "core/own.h"
+
+// The entry points keep SSE values on the stack; on i386 a caller may enter
+// with a stack aligned to 4 bytes only, so they realign it themselves.
+#if defined(__i386__)
+#define VEKR_REALIGN_STACK __attribute__((force_align_arg_pointer))
+#else
+#define VEKR_REALIGN_STACK
+#endif
+
+namespace vekr {
+
+// ---------------------------------------------------------------------------
+// Constants of the queries
+// ---------------------------------------------------------------------------
+
+// A direction component of at most 2^-23 in magnitude is treated as zero.
+constexpr float kOwnParallelEps = 1.1920929e-7f;
+// Inverses substituted for such components: the nearest-hit and multiple-hit
+// queries use 838860800.0 (0x4E480000), the per-origin and any-hit queries
+// 83886.08 (0x47A3D70A).
+constexpr float kOwnInvParallelEye = 838860800.0f;
+constexpr float kOwnInvParallelMO = 83886.08f;
+// The box interval is extended by this much at its far end.
+constexpr float kOwnIntervalExtension = 0.0001f;
+// Split-plane tolerances of the walk: the ordinary one and the wider one of
+// the multiple-hit query.
+constexpr float kOwnSplitTol = 0.00001f;
+constexpr float kOwnSplitTolMultiple = 0.00019f;
+// Per-ray stack depth. Every pending entry belongs to an ancestor of the
+// current node, so a tree of at most 51 levels (what the builder makes) never
+// needs more than 50; the extra room only keeps hand-made deeper trees safe.
+constexpr int kOwnStackSize = 64;
+
+// ---------------------------------------------------------------------------
+// Lane types: the same expressions instantiated for one ray or four
+// ---------------------------------------------------------------------------
+
+// min and max with the comparison order of SSE minps/maxps, so that a NaN
+// operand gives the second operand in both paths.
+inline float ownMin(float a, float b) { return a < b ? a : b; }
+inline float ownMax(float a, float b) { return a > b ? a : b; }
+
+struct OwnLane1 {
+    using F = float;
+    using I = int32_t;
+    using M = bool;
+    static F splat(float x) { return x; }
+    static I splatI(int32_t x) { return x; }
+    static F min(F a, F b) { return ownMin(a, b); }
+    static F max(F a, F b) { return ownMax(a, b); }
+    static F abs(F a) { return ownBitsFloat(ownFloatBits(a) & 0x7FFFFFFFu); }
+    static M gt(F a, F b) { return a > b; }
+    static M ge(F a, F b) { return a >= b; }
+    static M lt(F a, F b) { return a < b; }
+    static M le(F a, F b) { return a <= b; }
+    static M eqI(I a, I b) { return a == b; }
+    static M both(M a, M b) { return a && b; }
+    static M either(M a, M b) { return a || b; }
+    static M andNot(M a, M b) { return a && !b; }  // a and not b
+    static M none() { return false; }
+    static M all() { return true; }
+    static bool any(M m) { return m; }
+    static F sel(M m, F a, F b) { return m ? a : b; }
+    static I selI(M m, I a, I b) { return m ? a : b; }
+};
+
+struct OwnLane4 {
+    using F = __m128;
+    using I = __m128i;
+    using M = __m128;
+    static F splat(float x) { return _mm_set1_ps(x); }
+    static I splatI(int32_t x) { return _mm_set1_epi32(x); }
+    static F min(F a, F b) { return _mm_min_ps(a, b); }  // a < b ? a : b per lane
+    static F max(F a, F b) { return _mm_max_ps(a, b); }  // a > b ? a : b per lane
+    static F abs(F a) { return _mm_and_ps(a, _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF))); }
+    static M gt(F a, F b) { return _mm_cmpgt_ps(a, b); }
+    static M ge(F a, F b) { return _mm_cmpge_ps(a, b); }
+    static M lt(F a, F b) { return _mm_cmplt_ps(a, b); }
+    static M le(F a, F b) { return _mm_cmple_ps(a, b); }
+    static M eqI(I a, I b) { return _mm_castsi128_ps(_mm_cmpeq_epi32(a, b)); }
+    static M both(M a, M b) { return _mm_and_ps(a, b); }
+    static M either(M a, M b) { return _mm_or_ps(a, b); }
+    static M andNot(M a, M b) { return _mm_andnot_ps(b, a); }
+    static M none() { return _mm_setzero_ps(); }
+    static M all() { return _mm_castsi128_ps(_mm_set1_epi32(-1)); }
+    static bool any(M m) { return _mm_movemask_ps(m) != 0; }
+    static F sel(M m, F a, F b) { return _mm_or_ps(_mm_and_ps(m, a), _mm_andnot_ps(m, b)); }
+    static I selI(M m, I a, I b) {
+        const __m128i mi = _mm_castps_si128(m);
+        return _mm_or_si128(_mm_and_si128(mi, a), _mm_andnot_si128(mi, b));
+    }
+};
+
+// Lane-bit masks (bit l of the index set: lane l all ones).
+alignas(16) static const uint32_t kOwnLaneMaskBits[16][4] = {
+    {0, 0, 0, 0},  {~0u, 0, 0, 0},  {0, ~0u, 0, 0},  {~0u, ~0u, 0, 0},
+    {0, 0, ~0u, 0},  {~0u, 0, ~0u, 0},  {0, ~0u, ~0u, 0},  {~0u, ~0u, ~0u, 0},
+    {0, 0, 0, ~0u},  {~0u, 0, 0, ~0u},  {0, ~0u, 0, ~0u},  {~0u, ~0u, 0, ~0u},
+    {0, 0, ~0u, ~0u},  {~0u, 0, ~0u, ~0u},  {0, ~0u, ~0u, ~0u},  {~0u, ~0u, ~0u, ~0u}};
+inline __m128 ownLaneMask(int bits) { return _mm_load_ps(reinterpret_cast<const float*>(kOwnLaneMaskBits[bits])); }
+
+
+// ---------------------------------------------------------------------------
+// Rays and their set-up
+// ---------------------------------------------------------------------------
+
+template <class L>
+struct OwnRay {
+    typename L::F o[3];    // origin
+    typename L::F d[3];    // direction
+    typename L::F inv[3];  // 1 / direction, or the substitute on a parallel axis
+};
+
+// How a query treats the scene box.
+enum class OwnBoxMode {
+    Eye,        // parallel axes are not narrowed
+    PerOrigin,  // a parallel axis rejects a ray whose origin is not strictly inside its slab
+    None        // no box: the any-hit query
+};
+
+// Computes inv and the per-axis negative-direction flags and narrows
+// [tNear, tFar] to the box, axis x, then y, then z. Returns the lanes that
+// stay in the box; tFar then carries the interval extension (without a box,
+// the caller sets the interval). A lane that
+// leaves the box keeps computing in the vector form; its values are unused.
+template <class L, OwnBoxMode mode>
+inline typename L::M ownSetupRay(const VekrBoundBox* box, OwnRay<L>& r, typename L::F& tNear,
+                                 typename L::F& tFar, typename L::M neg[3]) {
+    using F = typename L::F;
+    using M = typename L::M;
+    const float subst = mode == OwnBoxMode::Eye ? kOwnInvParallelEye : kOwnInvParallelMO;
+    const F zero = L::splat(0.0f);
+    M in = L::all();
+    for (int a = 0; a < 3; ++a) {
+        const F d = r.d[a];
+        const M par = L::le(L::abs(d), L::splat(kOwnParallelEps));
+        r.inv[a] = L::sel(par, L::splat(subst), L::splat(1.0f) / d);
+        // The any-hit query keeps the sign of a parallel component; the others
+        // treat the axis as positive.
+        neg[a] = mode == OwnBoxMode::None ? L::lt(d, zero) : L::andNot(L::lt(d, zero), par);
+        if (mode == OwnBoxMode::None) continue;
+        const F t1 = (L::splat(box->maxCorner[a]) - r.o[a]) / d;
+        const F t2 = (L::splat(box->minCorner[a]) - r.o[a]) / d;
+        tNear = L::sel(par, tNear, L::max(tNear, L::min(t1, t2)));
+        tFar = L::sel(par, tFar, L::min(tFar, L::max(t1, t2)));
+        M miss = L::andNot(L::gt(tNear, tFar), par);
+        if (mode == OwnBoxMode::PerOrigin) {
+            const M inside = L::both(L::lt(L::splat(box->minCorner[a]), r.o[a]),
+                                     L::lt(r.o[a], L::splat(box->maxCorner[a])));
+            miss = L::either(miss, L::andNot(par, inside));
+        }
+        in = L::andNot(in, miss);
+    }
+    if (mode != OwnBoxMode::None) tFar = tFar + L::splat(kOwnIntervalExtension);
+    return in;
+}
+
+// Distance from the origin to where the ray leaves the box: per axis the
+// larger slab distance (computed with the stored inverse), the smallest of
+// the three.
+template <class L>
+inline typename L::F ownBoxExit(const VekrBoundBox* box, const OwnRay<L>& r) {
+    typename L::F e[3];
+    for (int a = 0; a < 3; ++a) {
+        const typename L::F t1 = (L::splat(box->maxCorner[a]) - r.o[a]) * r.inv[a];
+        const typename L::F t2 = (L::splat(box->minCorner[a]) - r.o[a]) * r.inv[a];
+        e[a] = L::max(t1, t2);
+    }
+    return L::min(L::min(e[0], e[1]), e[2]);
+}
+
+// ---------------------------------------------------------------------------
+// Triangle test
+// ---------------------------------------------------------------------------
+
+template <class L>
+struct OwnTriTerms {
+    typename L::F det, t, b, g;
+    typename L::M inside;
+};
+
+// The projected test: the plane and edge terms of the record against the ray,
+// in this exact evaluation order (both paths round identically). inside is set
+// where the hit lies in the triangle or on its border, for either winding.
+template <class L>
+inline void ownTriangleTest(const VekrTriangleAccel& R, const OwnRay<L>& r, OwnTriTerms<L>& out) {
+    using F = typename L::F;
+    const int32_t w0 = R.axisCode;
+    const int k = (w0 >> 4) & 3, u = (w0 >> 2) & 3, v = w0 & 3;
+    const F r1 = L::splat(R.normalU), r2 = L::splat(R.vertexK), r3 = L::splat(R.normalV);
+    const F du = r.d[u], dv = r.d[v];
+    const F det = r1 * du + r3 * dv + r.d[k];
+    const F pu = L::splat(R.vertexU) - r.o[u];
+    const F pv = L::splat(R.vertexV) - r.o[v];
+    const F num = r2 + r1 * pu + r3 * pv - r.o[k];
+    const F qu = du * num - pu * det;
+    const F qv = dv * num - pv * det;
+    const F b = L::splat(R.edge2V) * qu - L::splat(R.edge2U) * qv;
+    const F g = L::splat(R.edge1U) * qv - L::splat(R.edge1V) * qu;
+    const F a = det - b - g;
+    const F zero = L::splat(0.0f);
+    out.inside = L::both(L::both(L::ge(b * a, zero), L::ge(b * g, zero)), L::ge(a * g, zero));
+    out.det = det;
+    out.t = num / det;
+    out.b = b;
+    out.g = g;
+}
+
+// ---------------------------------------------------------------------------
+// Tree nodes
+// ---------------------------------------------------------------------------
+
+inline const VekrKDTreeNode* ownChildPair(const VekrKDTreeNode* node, int32_t link) {
+    return reinterpret_cast<const VekrKDTreeNode*>(reinterpret_cast<const char*>(node) + (link & ~3));
+}
+
+// Calls fn(j) for each triangle index of a leaf in stored order until fn
+// returns true. A list leaf's indices follow at (node - link); a packed leaf
+// holds one index in link, two as (value, link), or three as mid in value and
+// the distances to lo and hi in link, tested as lo, mid, hi.
+template <class Fn>
+inline void ownForEachLeafTriangle(const VekrKDTreeNode* leaf, Fn&& fn) {
+    const uint32_t link = static_cast<uint32_t>(leaf->link);
+    const uint32_t value = static_cast<uint32_t>(leaf->value);
+    if ((value & 0x80000000u) == 0) {
+        const int32_t* list =
+            reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(leaf) - static_cast<int32_t>(link));
+        for (uint32_t n = 0; n < value; ++n)
+            if (fn(list[n])) return;
+        return;
+    }
+    switch (value & 3u) {
+    case 1:
+        fn(static_cast<int32_t>(link & 0x7FFFFFFFu));
+        return;
+    case 2:
+        if (fn(static_cast<int32_t>((value & 0x7FFFFFFFu) >> 2))) return;
+        fn(static_cast<int32_t>(link & 0x7FFFFFFFu));
+        return;
+    case 3: {
+        const int32_t mid = static_cast<int32_t>((value & 0x7FFFFFFFu) >> 2);
+        if (fn(mid - static_cast<int32_t>((link >> 16) & 0x7FFFu))) return;
+        if (fn(mid)) return;
+        fn(mid + static_cast<int32_t>(link & 0xFFFFu));
+        return;
+    }
+    default:
+        return;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Walks
+// ---------------------------------------------------------------------------
+//
+// A query policy P (instantiated for OwnLane1 or OwnLane4) supplies:
+//   static constexpr float kSplitTol      the split-plane tolerance;
+//   F bound() const                       the early-end limit (current hit distance);
+//   M consider(j, R, active, terms)       applies its rules to a tested
+//                                         triangle, records hits, and returns
+//                                         the lanes that are finished for good;
+//   bool skip(j, R) const                 true for triangles the query never tests.
+
+// The per-ray walk: this defines the results.
+template <class P>
+inline void ownWalk1(const VekrKDTreeNode* root, const VekrTriangleAccel* accel, const OwnRay<OwnLane1>& r,
+                     const int sign[3], float tNear, float tFar, P& p) {
+    struct Entry {
+        const VekrKDTreeNode* node;
+        float tFar;
+    };
+    Entry stack[kOwnStackSize];
+    int top = 0;
+    const VekrKDTreeNode* node = root;
+    for (;;) {
+        // Descend front to back to a leaf.
+        int32_t link = node->link;
+        while (link >= 0) {
+            const int axis = link & 3;
+            const VekrKDTreeNode* pair = ownChildPair(node, link);
+            const float t = (ownBitsFloat(static_cast<uint32_t>(node->value)) - r.o[axis]) * r.inv[axis];
+            const VekrKDTreeNode* nearChild = pair + sign[axis];
+            const VekrKDTreeNode* farChild = pair + (sign[axis] ^ 1);
+            if (tNear - t > P::kSplitTol) {
+                node = farChild;  // the whole interval lies beyond the plane
+            } else {
+                if (!(t - tFar > P::kSplitTol)) {  // the plane lies inside the interval
+                    if (top < kOwnStackSize) stack[top++] = Entry{farChild, tFar};
+                    tFar = ownMax(tNear, ownMin(t, tFar));
+                }
+                node = nearChild;
+            }
+            link = node->link;
+        }
+
+        // Test the leaf's triangles in stored order.
+        bool finished = false;
+        ownForEachLeafTriangle(node, [&](int32_t j) {
+            const VekrTriangleAccel& R = accel[j];
+            if (p.skip(j, R)) return false;
+            OwnTriTerms<OwnLane1> terms;
+            ownTriangleTest(R, r, terms);
+            finished = p.consider(j, true, terms);
+            return finished;
+        });
+        if (finished || top == 0) return;
+        // No later cell can hold a nearer hit once the processed interval
+        // reaches the current hit distance.
+        if (tFar >= p.bound()) return;
+        tNear = tFar;
+        --top;
+        node = stack[top].node;
+        tFar = stack[top].tFar;
+    }
+}
+
+// The four-ray walk for rays whose direction signs agree on every axis (so the
+// near child is the same for all lanes). Each lane's state (tNear, tFar, hits)
+// changes only while the lane is active, and a lane is active exactly at the
+// nodes its single-ray walk visits, in the same depth-first order:
+//  - lanes that want only the far child are deferred on the stack with their
+//    state untouched, while the others go on into the near child;
+//  - lanes that want both push the far child (the single-ray stack entry) and
+//    narrow tFar;
+//  - after a leaf, each active lane applies the single-ray end tests, setting
+//    tNear = tFar if it goes on; its next single-ray pop is the topmost packet
+//    entry that holds it, which is where the packet resumes it.
+// While a lane is active, every entry holding it is one it pushed (a deferred
+// lane is inactive until its entry comes up), so the entries holding a lane
+// are exactly its single-ray stack: a lane whose stack is empty after a leaf
+// appears in no entry and is never resumed, with no bookkeeping needed.
+// `alive` holds the lanes still in play; its bits index the lanes.
+template <class P>
+inline void ownWalk4(const VekrKDTreeNode* root, const VekrTriangleAccel* accel, const OwnRay<OwnLane4>& r,
+                     const int sign[3], __m128 tNear, __m128 tFar, int alive, P& p) {
+    struct Entry {
+        const VekrKDTreeNode* node;
+        __m128 tFar;
+        int lanes;   // lanes resumed here
+        int pushed;  // of those, lanes whose single-ray walk pushed this entry
+    };
+    Entry stack[kOwnStackSize];
+    int top = 0;
+    const __m128 tol = _mm_set1_ps(P::kSplitTol);
+    int active = alive;
+    const VekrKDTreeNode* node = root;
+    for (;;) {
+        int32_t link = node->link;
+        while (link >= 0) {
+            const int axis = link & 3;
+            const VekrKDTreeNode* pair = ownChildPair(node, link);
+            const __m128 split = _mm_set1_ps(ownBitsFloat(static_cast<uint32_t>(node->value)));
+            const __m128 t = _mm_mul_ps(_mm_sub_ps(split, r.o[axis]), r.inv[axis]);
+            const VekrKDTreeNode* nearChild = pair + sign[axis];
+            const VekrKDTreeNode* farChild = pair + (sign[axis] ^ 1);
+            const int farOnly = _mm_movemask_ps(_mm_cmpgt_ps(_mm_sub_ps(tNear, t), tol)) & active;
+            const int nearLanes = active & ~farOnly;
+            if (nearLanes == 0) {
+                node = farChild;
+            } else {
+                const int bothSides = nearLanes & ~_mm_movemask_ps(_mm_cmpgt_ps(_mm_sub_ps(t, tFar), tol));
+                if (bothSides | farOnly) {
+                    if (top < kOwnStackSize) stack[top++] = Entry{farChild, tFar, bothSides | farOnly, bothSides};
+                    const __m128 narrowed = _mm_max_ps(tNear, _mm_min_ps(t, tFar));
+                    tFar = OwnLane4::sel(ownLaneMask(bothSides), narrowed, tFar);
+                }
+                active = nearLanes;
+                node = nearChild;
+            }
+            link = node->link;
+        }
+
+        int done = 0;
+        ownForEachLeafTriangle(node, [&](int32_t j) {
+            const VekrTriangleAccel& R = accel[j];
+            if (p.skip(j, R)) return false;
+            OwnTriTerms<OwnLane4> terms;
+            ownTriangleTest(R, r, terms);
+            const int fin = _mm_movemask_ps(p.consider(j, ownLaneMask(active & ~done), terms));
+            done |= fin;
+            return (active & ~done) == 0;
+        });
+        alive &= ~done;
+        active &= ~done;
+        if (active) {
+            // Lanes whose processed interval reaches their hit distance are done.
+            const int fin = active & _mm_movemask_ps(_mm_cmpge_ps(tFar, p.bound()));
+            alive &= ~fin;
+            tNear = OwnLane4::sel(ownLaneMask(active & ~fin), tFar, tNear);
+        }
+        for (;;) {
+            if (top == 0) return;
+            const Entry& e = stack[--top];
+            active = e.lanes & alive;
+            if (active) {
+                tFar = OwnLane4::sel(ownLaneMask(e.pushed & active), e.tFar, tFar);
+                node = e.node;
+                break;
+            }
+        }
+    }
+}
+
+// The common sign of four lanes on each axis, from the per-lane negative
+// flags. Returns false when the lanes in `lanes` disagree on some axis.
+inline bool ownCommonSigns(const __m128 neg[3], int lanes, int sign[3]) {
+    for (int a = 0; a < 3; ++a) {
+        const int n = _mm_movemask_ps(neg[a]) & lanes;
+        if (n == 0) sign[a] = 0;
+        else if (n == lanes) sign[a] = 1;
+        else return false;
+    }
+    return true;
+}
+
+}  // namespace vekr
+
+#endif  // VEKR_RAYTRACE_TRAVERSE_H

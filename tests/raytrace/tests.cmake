@@ -1,0 +1,2 @@
+vekr_add_test(test_raytrace COMPONENTS core scene raytrace SOURCES
+  raytrace/rt_support.cpp raytrace/rules_test.cpp raytrace/bunny_test.cpp)
