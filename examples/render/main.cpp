@@ -29,7 +29,7 @@ const char* const kUsage =
     "      --light X,Y,Z      point light position (default: above, to the left)\n"
     "      --tile N           tile edge in pixels, 4 to 512 (default 32)\n"
     "  -t, --threads N        render threads (default: all processors)\n"
-    "      --reflect K        ground mirror share, 0 to 1 (default 0.35)\n"
+    "      --reflect K        ground mirror share, 0 to 1 (default 0.25)\n"
     "      --no-ground        no ground plane\n"
     "  -q, --quiet            no progress bar\n"
     "      --stats            print where the time went\n";

@@ -104,7 +104,7 @@ struct Tile {
 };
 
 const Vec3 kMeshAlbedo = vec(0.78f, 0.66f, 0.52f);
-const Vec3 kGroundAlbedo = vec(0.55f, 0.56f, 0.60f);
+const Vec3 kGroundAlbedo = vec(0.62f, 0.59f, 0.54f);
 const Vec3 kLightColour = vec(1.0f, 0.96f, 0.88f);
 const float kAmbient = 0.45f;
 const float kHitEps = 0.9995f;  // hit points a little in front of the surface
@@ -322,7 +322,7 @@ const VekrSHState* Scene::sh() const {
 }
 
 Vec3 skyRadiance(Vec3 d) {
-    const Vec3 horizon = vec(0.92f, 0.93f, 0.98f), zenith = vec(0.30f, 0.50f, 0.92f);
+    const Vec3 horizon = vec(0.92f, 0.93f, 0.98f), zenith = vec(0.42f, 0.60f, 0.90f);
     const Vec3 below = vec(0.32f, 0.30f, 0.28f);
     if (d.y < 0) {
         float k = std::min(1.0f, -d.y * 4.0f);

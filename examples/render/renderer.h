@@ -25,7 +25,7 @@ struct Options {
     Vec3 eye, target, light;       // defaults frame the mesh
     float fovDeg = 35.0f;          // vertical field of view
     bool ground = true;            // add the ground plane under the mesh
-    float reflectivity = 0.35f;    // mirror share of the ground's colour
+    float reflectivity = 0.25f;    // mirror share of the ground's colour
     int shOrder = 3;               // order of the sky's spherical-harmonics projection
     bool progress = true;          // progress bar on stderr
 };
