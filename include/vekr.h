@@ -480,6 +480,72 @@ VEKR_API VekStatus vekrSHTInv_32f_P3C3(const float* const pCoeffs[3], uint32_t o
 /* ------------------------------------------------------------------------ */
 
 /* @@resize-declarations@@ */
+
+/* Volume layouts. C1V: one block; voxel (x, y, z) at
+ * base + z * planeStep + y * step + x * elementSize (steps in bytes).
+ * C1PV: an array of plane pointers; voxel (x, y, z) at
+ * plane[z] + y * step + x * elementSize. */
+
+/* The destination region a resize of srcVoi by the factors and shifts would
+ * write, per axis start = max(trunc(x * factor + shift + 0.4999999999), 0) and
+ * end = max(trunc((x + width) * factor + shift + 0.5000000001), 0).
+ * Checks: pDstVoi (NullPtr); srcVoi x, width, y, height, z, depth (BadSize);
+ * factors > 0 (BadResizeFactor); interpolation (BadInterpolation). An empty
+ * region gives vekStatusNoOperation and leaves *pDstVoi unwritten. */
+VEKR_API VekStatus vekrGetResizeCuboid(VekrCuboid srcVoi, VekrCuboid* pDstVoi, double xFactor, double yFactor,
+                                       double zFactor, double xShift, double yShift, double zShift,
+                                       int interpolation);
+
+/* Work-buffer bytes for a resize into dstVoi with the current thread count
+ * (the size is per thread times the thread count; size the buffer with the
+ * thread count the resize will run with). Checks: pSize (NullPtr); srcVoi
+ * then dstVoi corners and extents (BadSize); nChannel 1 (BadNumChannels);
+ * interpolation (BadInterpolation). */
+VEKR_API VekStatus vekrResizeGetBufSize(VekrCuboid srcVoi, VekrCuboid dstVoi, int nChannel, int interpolation,
+                                        int* pSize);
+
+/* Resize srcVoi of a one-channel volume by xFactor, yFactor, zFactor with
+ * shifts (in destination voxels) into the part of dstVoi it maps to, with
+ * interpolation 1 (nearest), 2 (linear) or 4 to 7 (cubic kernels). A
+ * destination voxel i samples the source at (i + 0.5) / factor - shift /
+ * factor; taps outside the source region repeat its edge voxels. 8u and 16u
+ * results are rounded and clamped. Only the destination region (see
+ * vekrGetResizeCuboid, further limited to dstVoi) is written. pBuffer holds
+ * vekrResizeGetBufSize bytes. Checks: pSrc, pDst, pBuffer (NullPtr);
+ * srcVolume, srcVoi, dstVoi sizes (BadSize); factors (BadResizeFactor);
+ * interpolation (BadInterpolation); srcVoi corner outside the volume gives
+ * vekStatusVoiOutsideSrc and an empty region vekStatusNoOperation, both
+ * writing nothing. A srcVoi running past the volume is cut back to it.
+ * vekrResize_32f_C1V splits large regions between threads. */
+VEKR_API VekStatus vekrResize_8u_C1V(const uint8_t* pSrc, VekrVolume srcVolume, int srcStep, int srcPlaneStep,
+                                     VekrCuboid srcVoi, uint8_t* pDst, int dstStep, int dstPlaneStep,
+                                     VekrCuboid dstVoi, double xFactor, double yFactor, double zFactor,
+                                     double xShift, double yShift, double zShift, int interpolation,
+                                     uint8_t* pBuffer);
+VEKR_API VekStatus vekrResize_16u_C1V(const uint16_t* pSrc, VekrVolume srcVolume, int srcStep, int srcPlaneStep,
+                                      VekrCuboid srcVoi, uint16_t* pDst, int dstStep, int dstPlaneStep,
+                                      VekrCuboid dstVoi, double xFactor, double yFactor, double zFactor,
+                                      double xShift, double yShift, double zShift, int interpolation,
+                                      uint8_t* pBuffer);
+/* Steps are used in whole floats (byte steps divided by 4). */
+VEKR_API VekStatus vekrResize_32f_C1V(const float* pSrc, VekrVolume srcVolume, int srcStep, int srcPlaneStep,
+                                      VekrCuboid srcVoi, float* pDst, int dstStep, int dstPlaneStep,
+                                      VekrCuboid dstVoi, double xFactor, double yFactor, double zFactor,
+                                      double xShift, double yShift, double zShift, int interpolation,
+                                      uint8_t* pBuffer);
+VEKR_API VekStatus vekrResize_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                      VekrCuboid srcVoi, uint8_t* const pDst[], int dstStep, VekrCuboid dstVoi,
+                                      double xFactor, double yFactor, double zFactor, double xShift,
+                                      double yShift, double zShift, int interpolation, uint8_t* pBuffer);
+VEKR_API VekStatus vekrResize_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                       VekrCuboid srcVoi, uint16_t* const pDst[], int dstStep, VekrCuboid dstVoi,
+                                       double xFactor, double yFactor, double zFactor, double xShift,
+                                       double yShift, double zShift, int interpolation, uint8_t* pBuffer);
+VEKR_API VekStatus vekrResize_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                       VekrCuboid srcVoi, float* const pDst[], int dstStep, VekrCuboid dstVoi,
+                                       double xFactor, double yFactor, double zFactor, double xShift,
+                                       double yShift, double zShift, int interpolation, uint8_t* pBuffer);
+
 /* @@remap-declarations@@ */
 /* @@filter-declarations@@ */
 

@@ -1,0 +1,95 @@
+// Geometry companions of the volume resize: the destination region a resize
+// writes, and the size of the work buffer it needs.
+#include <climits>
+#include <cmath>
+#include <cstdint>
+
+#include "core/own.h"
+#include "volume/interp_weights.h"
+#include "volume/resize_geometry.h"
+
+namespace vekr {
+
+namespace {
+
+inline std::uint32_t ownUp16(std::uint32_t n) { return (n + 15u) & ~15u; }
+inline std::uint32_t ownUp64(std::uint32_t n) { return (n + 63u) & ~63u; }
+inline std::uint32_t ownDown64(std::uint32_t n) { return n & ~63u; }
+
+// One axis of the resize cuboid. The start rounds half down and the end half
+// up (0.4999999999 and 0.5000000001), so a boundary landing exactly on .5
+// belongs to the region at both ends; both clamp at 0. The corner plus extent
+// is a 32-bit integer sum, as the caller's cuboid holds it.
+struct OwnAxisSpan {
+    double start, end;
+};
+inline OwnAxisSpan ownCuboidAxis(std::int32_t first, std::int32_t extent, double factor, double shift) {
+    const std::int32_t past = static_cast<std::int32_t>(static_cast<std::uint32_t>(first) +
+                                                        static_cast<std::uint32_t>(extent));
+    const double start = std::trunc(first * factor + shift + 0.4999999999);
+    const double end = std::trunc(past * factor + shift + 0.5000000001);
+    return {start > 0.0 ? start : 0.0, end > 0.0 ? end : 0.0};
+}
+
+}  // namespace
+
+std::uint32_t ownResizeBufPerThread(std::uint32_t w, std::uint32_t h, std::uint32_t d, std::uint32_t nc,
+                                    int code) {
+    if (code == vekrInterNearest) return 64u * ((w + 15u) / 16u + (h + 15u) / 16u + (d + 15u) / 16u);
+    // Index and fraction tables of the three axes.
+    const std::uint32_t tables =
+        4u * (ownUp16(w) + ownUp16(h) + ownUp16(d) + ownUp64(w) + ownUp64(h) + ownUp64(d));
+    if (code == vekrInterLinear)
+        return tables + nc * (256u * ((2u * w + 127u) / 64u + (8u * (w + h) + 127u) / 64u) + 8u * h * ownUp64(w));
+    return tables + 16u * h * nc * ownUp64(w) +
+           4u * (nc * (ownDown64(128u * (w + h) + 255u) + ownDown64(4u * w + 255u)) + ownDown64(4u * w + 255u) +
+                 ownDown64(4u * h + 255u) + ownDown64(4u * d + 255u));
+}
+
+}  // namespace vekr
+
+using namespace vekr;
+
+extern "C" VekStatus vekrGetResizeCuboid(VekrCuboid srcVoi, VekrCuboid* pDstVoi, double xFactor, double yFactor,
+                                         double zFactor, double xShift, double yShift, double zShift,
+                                         int interpolation) {
+    if (pDstVoi == nullptr) return vekStatusNullPtr;
+    if (!ownCuboidValid(srcVoi)) return vekStatusBadSize;
+    if (!(xFactor > 0.0) || !(yFactor > 0.0) || !(zFactor > 0.0)) return vekStatusBadResizeFactor;
+    if (!ownIsValidInterpolation(interpolation)) return vekStatusBadInterpolation;
+
+    const OwnAxisSpan x = ownCuboidAxis(srcVoi.x, srcVoi.width, xFactor, xShift);
+    const OwnAxisSpan y = ownCuboidAxis(srcVoi.y, srcVoi.height, yFactor, yShift);
+    const OwnAxisSpan z = ownCuboidAxis(srcVoi.z, srcVoi.depth, zFactor, zShift);
+    if (!(x.end > x.start) || !(y.end > y.start) || !(z.end > z.start)) return vekStatusNoOperation;
+
+    // The spans are integral doubles. One beyond the int32 range (a huge
+    // factor or shift, or an infinite factor) converts to INT32_MIN, the
+    // value a 32-bit SSE conversion gives for it.
+    auto toInt = [](double v) {
+        return (v > -2147483649.0 && v < 2147483648.0) ? static_cast<std::int32_t>(v) : INT32_MIN;
+    };
+    pDstVoi->x = toInt(x.start);
+    pDstVoi->y = toInt(y.start);
+    pDstVoi->z = toInt(z.start);
+    pDstVoi->width = toInt(x.end - x.start);
+    pDstVoi->height = toInt(y.end - y.start);
+    pDstVoi->depth = toInt(z.end - z.start);
+    return vekStatusOk;
+}
+
+extern "C" VekStatus vekrResizeGetBufSize(VekrCuboid srcVoi, VekrCuboid dstVoi, int nChannel, int interpolation,
+                                          int* pSize) {
+    if (pSize == nullptr) return vekStatusNullPtr;
+    if (!ownCuboidValid(srcVoi) || !ownCuboidValid(dstVoi)) return vekStatusBadSize;
+    if (nChannel != 1) return vekStatusBadNumChannels;
+    if (!ownIsValidInterpolation(interpolation)) return vekStatusBadInterpolation;
+
+    const std::uint32_t perThread =
+        ownResizeBufPerThread(static_cast<std::uint32_t>(dstVoi.width), static_cast<std::uint32_t>(dstVoi.height),
+                              static_cast<std::uint32_t>(dstVoi.depth), static_cast<std::uint32_t>(nChannel),
+                              interpolation);
+    const std::uint32_t total = ownResizeSliceBytes(perThread) * static_cast<std::uint32_t>(ownGetNumThreads());
+    *pSize = static_cast<int>(total);
+    return vekStatusOk;
+}

@@ -1,0 +1,211 @@
+// Interpolation weights and result conversion shared by the volume resize,
+// remap and affine warp: the linear blend, the four cubic kernels (four-point
+// Lagrange and three members of the two-parameter (B, C) family), the exact
+// floor of the coordinate set-up, and the conversion of a float result to 8u
+// and 16u voxels. Each rule has a scalar form and a four-lane SSE form that
+// performs the same float operations in the same order, so the two give
+// identical bits.
+//
+// Numerical contract of this header (the callers' results depend on it):
+//  - Cubic weights are evaluated in double precision and rounded once, when
+//    stored as float (ownCubicWeights). The polynomial is evaluated as
+//    ((c3*|x|^3 + c2*|x|^2) + c1*|x|) + c0 with |x|^2 = |x|*|x| and
+//    |x|^3 = |x|^2*|x|, all in double.
+//  - The linear blend is (1 - t) * v0 + t * v1 in float, t a float fraction.
+//  - The four-tap cubic sum is ((w0*v0 + w1*v1) + w2*v2) + w3*v3 in float.
+//  - 8u and 16u results are trunc(sum + 0.5000001f) clamped to the element's
+//    range, the addition made in float (see ownStoreInterp).
+#ifndef VEKR_VOLUME_INTERP_WEIGHTS_H
+#define VEKR_VOLUME_INTERP_WEIGHTS_H
+
+#include <emmintrin.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+#include "vekr.h"
+
+namespace vekr {
+
+// ---------------------------------------------------------------------------
+// Interpolation codes
+// ---------------------------------------------------------------------------
+
+// True for the accepted codes 1, 2, 4, 5, 6, 7. Code 3 has never had a
+// kernel and stays rejected, like every other value.
+inline bool ownIsValidInterpolation(int code) {
+    return code == vekrInterNearest || code == vekrInterLinear || (code >= vekrInterCubic && code <= vekrInterCubicB05C03);
+}
+
+// True for the four cubic codes 4 to 7.
+inline bool ownIsCubicInterpolation(int code) { return code >= vekrInterCubic && code <= vekrInterCubicB05C03; }
+
+// ---------------------------------------------------------------------------
+// Cubic kernels
+// ---------------------------------------------------------------------------
+
+// Piecewise cubic kernel w(x), symmetric in x:
+//   |x| < 1:       in3 |x|^3 + in2 |x|^2 + in1 |x| + in0
+//   1 <= |x| < 2:  out3 |x|^3 + out2 |x|^2 + out1 |x| + out0
+//   otherwise:     0
+struct OwnCubicKernel {
+    double in3, in2, in1, in0;
+    double out3, out2, out1, out0;
+};
+
+// The kernels of codes 4 to 7, indexed by code - 4.
+//  4: four-point Lagrange interpolation (the cubic through the four taps).
+//  5, 6, 7: the two-parameter family of Mitchell and Netravali, "Reconstruction
+//     filters in computer graphics" (SIGGRAPH 1988), with (B, C) = (1, 0)
+//     (cubic B-spline, smoothing), (0, 0.5) (Catmull-Rom) and (0.5, 0.3).
+//     Coefficients: inner ((12-9B-6C), (-18+12B+6C), 0, (6-2B)) / 6,
+//     outer ((-B-6C), (6B+30C), (-12B-48C), (8B+24C)) / 6, written out as the
+//     double literals they round to.
+inline constexpr OwnCubicKernel kOwnCubicKernels[4] = {
+    {0.5, -1.0, -0.5, 1.0, -0.16666666666666666, 1.0, -1.8333333333333333, 1.0},
+    {0.5, -1.0, 0.0, 2.0 / 3.0, -1.0 / 6.0, 1.0, -2.0, 4.0 / 3.0},
+    {1.5, -2.5, 0.0, 1.0, -0.5, 2.5, -4.0, 2.0},
+    {0.95, -1.7, 0.0, 0.8333333333333334, -0.38333333333333336, 2.0, -3.4, 1.8666666666666667},
+};
+
+// The kernel of a cubic code (4 to 7; the caller has checked the code).
+inline const OwnCubicKernel& ownCubicKernel(int code) { return kOwnCubicKernels[code - vekrInterCubic]; }
+
+// w(x) in double precision. An inner coefficient of 0 adds +0.0, which
+// leaves the sum unchanged, so the (B, C) kernels need no separate form.
+inline double ownCubicWeight(const OwnCubicKernel& k, double x) {
+    const double ax = std::fabs(x);
+    const double x2 = ax * ax;
+    const double x3 = x2 * ax;
+    if (ax < 1.0) return ((k.in3 * x3 + k.in2 * x2) + k.in1 * ax) + k.in0;
+    if (ax < 2.0) return ((k.out3 * x3 + k.out2 * x2) + k.out1 * ax) + k.out0;
+    return 0.0;
+}
+
+// The four tap weights for fractional offset t in [0, 1) from the tap i0:
+// taps i0-1, i0, i0+1, i0+2 get w(1+t), w(t), w(1-t), w(2-t). The arguments
+// and the kernel are evaluated in double; each weight is rounded to float
+// once, here.
+inline void ownCubicWeights(const OwnCubicKernel& k, double t, float w[4]) {
+    w[0] = static_cast<float>(ownCubicWeight(k, 1.0 + t));
+    w[1] = static_cast<float>(ownCubicWeight(k, t));
+    w[2] = static_cast<float>(ownCubicWeight(k, 1.0 - t));
+    w[3] = static_cast<float>(ownCubicWeight(k, 2.0 - t));
+}
+
+// ---------------------------------------------------------------------------
+// Coordinate set-up
+// ---------------------------------------------------------------------------
+
+// floor(u) exactly. Below 2^52 in magnitude, adding and subtracting 2^52
+// rounds |u| to an integer in the current (nearest) rounding mode; one step
+// down corrects a result above u. At or beyond 2^52 every double is an
+// integer already (NaN is returned unchanged).
+inline double ownFloorExact(double u) {
+    const double kTwo52 = 4503599627370496.0;
+    const double a = std::fabs(u);
+    if (!(a < kTwo52)) return u;
+    double r = (a + kTwo52) - kTwo52;
+    if (u < 0.0) r = -r;
+    if (r > u) r -= 1.0;
+    return r;
+}
+
+// ---------------------------------------------------------------------------
+// Float combinations (scalar)
+// ---------------------------------------------------------------------------
+
+// Linear blend of two taps with fraction t: (1 - t) * v0 + t * v1, in float.
+// With v0 == v1 the result may differ from v0 by rounding; edge-replicating
+// callers pass the same tap twice and keep the formula, so that every voxel
+// follows one rule.
+inline float ownLerp(float v0, float v1, float t) { return (1.0f - t) * v0 + t * v1; }
+
+// Four-tap cubic sum ((w0*v0 + w1*v1) + w2*v2) + w3*v3, in float.
+inline float ownCubicSum(float v0, float v1, float v2, float v3, const float w[4]) {
+    return ((w[0] * v0 + w[1] * v1) + w[2] * v2) + w[3] * v3;
+}
+
+// ---------------------------------------------------------------------------
+// Conversion of an interpolated float to the element type (scalar)
+// ---------------------------------------------------------------------------
+
+// Conversion of sum to an integer element with maximum kMax:
+// v = sum + 0.5000001f (float addition; the constant is the float nearest
+// 0.5000001, i.e. 0.5 + 2^-23), then v is clamped to [0, kMax] and truncated
+// toward zero. Clamping before truncating gives the same value as truncating
+// and then clamping for every finite sum, and keeps the conversion defined
+// for all inputs: NaN gives 0, +inf gives kMax, -inf gives 0. The clamps are
+// written as the SSE maxps/minps select (a > b ? a : b, a < b ? a : b, the
+// second operand on NaN) so the vector form matches bit for bit.
+template <int kMax>
+inline int ownRoundClamp(float sum) {
+    float v = sum + 0.5000001f;
+    v = (v > 0.0f) ? v : 0.0f;
+    v = (v < static_cast<float>(kMax)) ? v : static_cast<float>(kMax);
+    return static_cast<int>(v);
+}
+
+// Store rule of each element type: 8u and 16u round and clamp, 32f stores
+// the float as it is.
+template <class T>
+inline T ownStoreInterp(float sum);
+template <>
+inline std::uint8_t ownStoreInterp<std::uint8_t>(float sum) {
+    return static_cast<std::uint8_t>(ownRoundClamp<255>(sum));
+}
+template <>
+inline std::uint16_t ownStoreInterp<std::uint16_t>(float sum) {
+    return static_cast<std::uint16_t>(ownRoundClamp<65535>(sum));
+}
+template <>
+inline float ownStoreInterp<float>(float sum) {
+    return sum;
+}
+
+// ---------------------------------------------------------------------------
+// Four-lane forms (SSE2), lane for lane the scalar rules above
+// ---------------------------------------------------------------------------
+
+// ownLerp on four lanes.
+inline __m128 ownLerp4(__m128 v0, __m128 v1, __m128 t) {
+    return _mm_add_ps(_mm_mul_ps(_mm_sub_ps(_mm_set1_ps(1.0f), t), v0), _mm_mul_ps(t, v1));
+}
+
+// ownCubicSum on four lanes, with per-lane weights w0..w3.
+inline __m128 ownCubicSum4(__m128 v0, __m128 v1, __m128 v2, __m128 v3, __m128 w0, __m128 w1, __m128 w2,
+                           __m128 w3) {
+    __m128 s = _mm_add_ps(_mm_mul_ps(w0, v0), _mm_mul_ps(w1, v1));
+    s = _mm_add_ps(s, _mm_mul_ps(w2, v2));
+    return _mm_add_ps(s, _mm_mul_ps(w3, v3));
+}
+
+// ownRoundClamp on four lanes: the clamped values truncated to int32.
+template <int kMax>
+inline __m128i ownRoundClamp4(__m128 sum) {
+    __m128 v = _mm_add_ps(sum, _mm_set1_ps(0.5000001f));
+    v = _mm_max_ps(v, _mm_setzero_ps());
+    v = _mm_min_ps(v, _mm_set1_ps(static_cast<float>(kMax)));
+    return _mm_cvttps_epi32(v);
+}
+
+// Stores four results at p (any alignment) by the element type's rule.
+inline void ownStoreInterp4(std::uint8_t* p, __m128 sum) {
+    const __m128i i32 = ownRoundClamp4<255>(sum);
+    const __m128i i16 = _mm_packs_epi32(i32, i32);  // 0..255 fits: no saturation
+    const int packed = _mm_cvtsi128_si32(_mm_packus_epi16(i16, i16));
+    std::memcpy(p, &packed, 4);
+}
+inline void ownStoreInterp4(std::uint16_t* p, __m128 sum) {
+    // 0..65535 does not fit the signed pack: bias by -32768, pack with
+    // signed saturation (exact after the bias) and flip the bias back.
+    const __m128i i32 = _mm_sub_epi32(ownRoundClamp4<65535>(sum), _mm_set1_epi32(32768));
+    const __m128i i16 = _mm_xor_si128(_mm_packs_epi32(i32, i32), _mm_set1_epi16(-32768));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), i16);
+}
+inline void ownStoreInterp4(float* p, __m128 sum) { _mm_storeu_ps(p, sum); }
+
+}  // namespace vekr
+
+#endif  // VEKR_VOLUME_INTERP_WEIGHTS_H

@@ -1,0 +1,1 @@
+vekr_component(resize volume/geometry.cpp volume/resize.cpp)
