@@ -547,6 +547,92 @@ VEKR_API VekStatus vekrResize_32f_C1PV(const float* const pSrc[], VekrVolume src
                                        double yShift, double zShift, int interpolation, uint8_t* pBuffer);
 
 /* @@remap-declarations@@ */
+
+/* Remap of a planar volume (C1PV): every voxel (x, y, z) of the destination
+ * (the whole of dstVolume) samples the source at the point held at (x, y, z)
+ * by the float maps pxMap, pyMap, pzMap (one map plane per destination
+ * plane, rows mapStep bytes apart), in source voxel coordinates with voxel
+ * centres on integers. Only the source region srcVoi, cut back to the
+ * volume, is read; a point outside that inclusive box writes nothing (the
+ * voxel keeps its value).
+ *  - Nearest (1): a point is outside when a coordinate is below the box's
+ *    first or above its last voxel; otherwise the coordinates are rounded to
+ *    nearest, ties to even. NaN coordinates must not be passed.
+ *  - Linear (2): inside when first <= c <= last on every axis (NaN is
+ *    outside); taps i = trunc(c) and i + 1, the pair moved down by one on the
+ *    box's last voxel; t = c - i in float; (1 - t) a + t b in float, first
+ *    the four blends along z, then the two along y, then the one along x.
+ *  - Cubic (4 to 7): same inside test; taps trunc(c) - 1 ... trunc(c) + 2
+ *    clamped to the box, weights w(1 + t), w(t), w(1 - t), w(2 - t) of the
+ *    code's kernel (as in resize), four-tap sums along x, then y, then z.
+ *  - 8u and 16u linear and cubic results: trunc(sum + 0.5000001) clamped to
+ *    the element range, as in resize.
+ * A source smaller than 4 voxels on some axis samples cubic codes linearly;
+ * smaller than 2, every code by nearest. A source one plane deep is remapped
+ * in 2-D: pzMap is checked but not read, srcVoi's z and depth are not used,
+ * and every destination plane is sampled from the one source plane with
+ * the same rules restricted to x and y (the size lowering looks at width
+ * and height only).
+ * Checks in order: pSrc, pDst null, then pxMap, pyMap, pzMap null: -8;
+ * srcVolume, srcVoi (x, width, y, height, z, depth), dstVolume sizes: -6;
+ * interpolation not 1, 2, 4 to 7: -22. srcVoi starting outside the source:
+ * vekStatusVoiOutsideSrc, nothing written. Destinations larger than 15
+ * voxels in every axis are split by rows between ownGetNumThreads() threads;
+ * the result does not depend on the thread count. */
+VEKR_API VekStatus vekrRemap_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                     VekrCuboid srcVoi, const float* const pxMap[], const float* const pyMap[],
+                                     const float* const pzMap[], int mapStep, uint8_t* const pDst[], int dstStep,
+                                     VekrVolume dstVolume, int interpolation);
+VEKR_API VekStatus vekrRemap_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                      VekrCuboid srcVoi, const float* const pxMap[], const float* const pyMap[],
+                                      const float* const pzMap[], int mapStep, uint16_t* const pDst[], int dstStep,
+                                      VekrVolume dstVolume, int interpolation);
+VEKR_API VekStatus vekrRemap_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                      VekrCuboid srcVoi, const float* const pxMap[], const float* const pyMap[],
+                                      const float* const pzMap[], int mapStep, float* const pDst[], int dstStep,
+                                      VekrVolume dstVolume, int interpolation);
+
+/* Work-buffer size of the affine warp: always 0 (the warp needs none).
+ * Checks: pSize null -8; srcVoi then dstVoi (x, width, y, height, z, depth)
+ * -6; nChannel not 1 -53; interpolation not 1, 2, 4 to 7 -22. */
+VEKR_API VekStatus vekrWarpAffineGetBufSize(VekrCuboid srcVoi, VekrCuboid dstVoi, int nChannel, int interpolation,
+                                            int* pSize);
+
+/* Affine warp of a planar volume (C1PV). coeffs (3 x 4 doubles, row-major)
+ * maps a source point to a destination point: x' = c00 x + c01 y + c02 z +
+ * c03 and so on. Each voxel of the destination box dstVoi (not cut back; the
+ * caller provides it) at integer coordinates (x, y, z) is pulled from the
+ * source point inverse(x, y, z), formed in double per row and advanced by the
+ * inverse's first column per voxel. A point outside the inclusive box of
+ * srcVoi cut back to the volume writes nothing.
+ *  - Nearest (1): coordinates rounded to nearest, ties to even, in double.
+ *  - Linear (2) and cubic (4 to 7): the rules of vekrRemap, with the
+ *    fraction t = c - trunc(c) formed in double and rounded to float.
+ *  - 8u and 16u linear and cubic results: trunc(sum + 0.5000001), clamped.
+ * A source smaller than 4 voxels on some axis warps cubic codes linearly;
+ * smaller than 2, every code by nearest. A source one plane deep is warped
+ * in 2-D by the in-plane map (c00 c01 c03; c10 c11 c13) into the rectangle
+ * of dstVoi in each of its planes; srcVoi's z and depth are not used, a
+ * 2 x 2 determinant within 1e-10 of zero gives -56.
+ * Checks in order: pSrc, pDst null -8 (coeffs and pBuffer are not checked;
+ * pBuffer is not used); srcVolume, srcVoi, dstVoi sizes -6; a degenerate
+ * matrix (diagonal all within 1e-100 of zero, or the three relative minors
+ * of the lower rows all within 1e-10) -56; interpolation -22; srcVoi
+ * starting outside the source: vekStatusVoiOutsideSrc, nothing written; a
+ * 3 x 3 determinant within 1e-10 of zero: -56, nothing written. Boxes larger
+ * than 15 voxels in every axis are split by rows between ownGetNumThreads()
+ * threads; the result does not depend on the thread count. */
+VEKR_API VekStatus vekrWarpAffine_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                          VekrCuboid srcVoi, uint8_t* const pDst[], int dstStep, VekrCuboid dstVoi,
+                                          const double coeffs[3][4], int interpolation, uint8_t* pBuffer);
+VEKR_API VekStatus vekrWarpAffine_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                           VekrCuboid srcVoi, uint16_t* const pDst[], int dstStep,
+                                           VekrCuboid dstVoi, const double coeffs[3][4], int interpolation,
+                                           uint8_t* pBuffer);
+VEKR_API VekStatus vekrWarpAffine_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                           VekrCuboid srcVoi, float* const pDst[], int dstStep, VekrCuboid dstVoi,
+                                           const double coeffs[3][4], int interpolation, uint8_t* pBuffer);
+
 /* @@filter-declarations@@ */
 
 /* Work-buffer size in bytes for vekrFilter_16s_C1PV, for the current thread

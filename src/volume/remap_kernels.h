@@ -1,0 +1,1092 @@
+// Point samplers and row kernels shared by the volume remap, the volume
+// affine warp and their single-plane forms: the source box, the nearest,
+// linear and cubic taps, the per-row loops and the row walk over a
+// destination (serial or split between threads).
+//
+// Rules every kernel here follows (the entry points document them for the
+// caller):
+//  - Voxel centres sit at integer coordinates: voxel i covers [i - 0.5, i + 0.5].
+//  - A point is sampled only when it lies inside the inclusive source box on
+//    every axis; otherwise the destination voxel keeps its old value.
+//  - Linear: index i = trunc(c) (c >= 0 inside the box, so this is the
+//    floor); an index on the box's last voxel is lowered by one so both taps
+//    lie in the box; t = c - i rounded to float; the blend of
+//    interp_weights.h, four along z, then two along y, then one along x
+//    (see ownBlendLinear).
+//  - Cubic: i = trunc(c), t = c - i rounded to float, taps i-1 .. i+2
+//    clamped to the box, weights w(1+t), w(t), w(1-t), w(2-t) from
+//    interp_weights.h; four-tap sums along x, then y, then z.
+//  - Each kernel has a scalar form, which defines the result, and an SSE form
+//    (chosen per call by ownRemapUsesSse / ownWarpUsesSse) that performs the
+//    same float and double operations in the same order, lane by lane.
+//  - 8u and 16u results of linear and cubic sampling are rounded and clamped
+//    by ownStoreInterp; nearest copies the element.
+#ifndef VEKR_VOLUME_REMAP_KERNELS_H
+#define VEKR_VOLUME_REMAP_KERNELS_H
+
+#include <emmintrin.h>
+#include <tmmintrin.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+#include "core/own.h"
+#include "volume/interp_weights.h"
+
+namespace vekr {
+
+// The four-lane helpers below must melt into their row loops: called, they
+// pass every vector through memory.
+#define VEKR_ALWAYS_INLINE __attribute__((always_inline))
+
+// The source as the samplers see it: plane pointers, row step in bytes and
+// the inclusive box on each axis (x, y, z). Single-plane sources use one
+// plane and z = 0 throughout.
+//
+// evenPlanes: the planes of the box lie planeStep > 0 bytes apart, so that
+// every element of the box is origin + z planeStep + y step + x sizeof(T)
+// with an offset below 2^31. The SSE linear kernels then form the whole tap
+// offset in a vector instead of looking up each lane's plane.
+template <class T>
+struct OwnSource {
+    const T* const* pPlanes;
+    std::ptrdiff_t step;
+    int lo[3], hi[3];
+    float loF[3], hiF[3];
+    bool evenPlanes;
+    std::ptrdiff_t planeStep;
+    std::uintptr_t origin;
+};
+
+template <class T>
+inline OwnSource<T> ownMakeSource(const T* const* pPlanes, int step, const int lo[3], const int hi[3]) {
+    OwnSource<T> s;
+    s.pPlanes = pPlanes;
+    s.step = step;
+    for (int a = 0; a < 3; ++a) {
+        s.lo[a] = lo[a];
+        s.hi[a] = hi[a];
+        s.loF[a] = static_cast<float>(lo[a]);
+        s.hiF[a] = static_cast<float>(hi[a]);
+    }
+    // Addresses as integers: the planes need not be parts of one array.
+    auto at = [pPlanes](int z) { return static_cast<std::intptr_t>(reinterpret_cast<std::uintptr_t>(pPlanes[z])); };
+    const std::intptr_t planeStep = hi[2] > lo[2] ? at(lo[2] + 1) - at(lo[2]) : 0;
+    bool even = step > 0 && (planeStep > 0 || hi[2] == lo[2]);
+    for (int z = lo[2] + 1; even && z <= hi[2]; ++z) even = at(z) - at(z - 1) == planeStep;
+    const double last = (static_cast<double>(hi[2]) * planeStep + static_cast<double>(hi[1]) * step) +
+                        (static_cast<double>(hi[0]) + 1.0) * sizeof(T);
+    s.evenPlanes = even && last < 2147483647.0;
+    s.planeStep = planeStep;
+    s.origin = static_cast<std::uintptr_t>(at(lo[2]) - static_cast<std::intptr_t>(lo[2]) * planeStep);
+    return s;
+}
+
+// Row y of a plane whose rows are step bytes apart.
+template <class T>
+inline T* ownOffsetRow(T* pPlane, int y, int step) {
+    return reinterpret_cast<T*>(reinterpret_cast<std::uintptr_t>(pPlane) +
+                                static_cast<std::uintptr_t>(static_cast<std::intptr_t>(y) * step));
+}
+
+template <class T>
+inline const T* ownSourceRow(const OwnSource<T>& s, int z, int y) {
+    return reinterpret_cast<const T*>(reinterpret_cast<const std::uint8_t*>(s.pPlanes[z]) + y * s.step);
+}
+
+// Rounding to the nearest integer with ties to even: the processor's
+// conversion in its default rounding mode (not truncation).
+inline int ownRoundEven(float v) { return _mm_cvtss_si32(_mm_set_ss(v)); }
+inline int ownRoundEven(double v) { return _mm_cvtsd_si32(_mm_set_sd(v)); }
+
+// ---------------------------------------------------------------------------
+// Taps along one axis
+// ---------------------------------------------------------------------------
+
+// Constants of the linear kernels for one source, loaded once per row. For a
+// coordinate c inside [lo, hi] the lower tap is i0 = min(trunc(c), top) with
+// top = hi - 1, so that on the last voxel the pair (hi - 1, hi) is used with
+// t = 1; the upper tap is i0 + 1. A box one voxel wide has only c == lo
+// inside: top = lo and both taps are that voxel (next 0).
+template <class T>
+struct OwnLinearCtx {
+    const T* const* pPlanes;
+    std::ptrdiff_t step;
+    std::ptrdiff_t nextRow;  // bytes from the y0 tap row to the y1 tap row
+    int nextX, nextZ;
+    int top[3];
+    // Evenly spaced planes (OwnSource::evenPlanes): the element addressing,
+    // and the bytes from the z0 tap plane to the z1 tap plane.
+    std::uintptr_t origin;
+    std::ptrdiff_t planeStep, nextPlane;
+};
+
+template <class T>
+inline OwnLinearCtx<T> ownLinearCtx(const OwnSource<T>& s) {
+    OwnLinearCtx<T> k;
+    k.pPlanes = s.pPlanes;
+    k.step = s.step;
+    int next[3];
+    for (int a = 0; a < 3; ++a) {
+        next[a] = s.hi[a] > s.lo[a] ? 1 : 0;
+        k.top[a] = s.hi[a] - next[a];
+    }
+    k.nextX = next[0];
+    k.nextRow = next[1] * s.step;
+    k.nextZ = next[2];
+    k.origin = s.origin;
+    k.planeStep = s.planeStep;
+    k.nextPlane = next[2] * s.planeStep;
+    return k;
+}
+
+// Lower tap i0 and fraction t = c - i0 (formed in C, rounded to float) of a
+// coordinate inside the box; C is float for the remap maps, double for the
+// warp. Inside the box c >= 0, so the truncation is the floor.
+template <class C>
+inline int ownLinearIndex(C c, int top, float& t) {
+    int i = static_cast<int>(c);
+    i = i > top ? top : i;
+    t = static_cast<float>(c - static_cast<C>(i));
+    return i;
+}
+
+// Four cubic taps, clamped to [lo, hi], and their weights.
+struct OwnCubicTap {
+    int i[4];
+    float w[4];
+};
+template <class C>
+inline void ownCubicTap(C c, int lo, int hi, const OwnCubicKernel& k, OwnCubicTap& tap) {
+    const int i0 = static_cast<int>(c);
+    const float t = static_cast<float>(c - static_cast<C>(i0));
+    ownCubicWeights(k, static_cast<double>(t), tap.w);
+    for (int j = 0; j < 4; ++j) {
+        int i = i0 - 1 + j;
+        i = i < lo ? lo : i;
+        tap.i[j] = i > hi ? hi : i;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Samplers: the value at a point inside the box (Dims 2: plane 0 only)
+// ---------------------------------------------------------------------------
+
+// Trilinear blend of the eight taps a..h, where a = v(x0, y0, z0),
+// b = v(x1, y0, z0), c = v(x0, y1, z0), d = v(x1, y1, z0) and e..h the same at
+// z1. The order is z, then y, then x:
+//   p0..p3 = lerp(a, e, tz), lerp(b, f, tz), lerp(c, g, tz), lerp(d, h, tz)
+//   q0, q1 = lerp(p0, p2, ty), lerp(p1, p3, ty);  result lerp(q0, q1, tx)
+// so that the four z blends, then the two y blends, are lanes of one vector
+// operation in the SSE form. A plane (Dims 2) starts at the y blend with
+// p0..p3 = a..d.
+template <class T>
+inline const T* ownTapRow(const OwnLinearCtx<T>& k, int z, int y) {
+    return reinterpret_cast<const T*>(reinterpret_cast<const std::uint8_t*>(k.pPlanes[z]) + y * k.step);
+}
+template <class T>
+inline const T* ownNextRow(const OwnLinearCtx<T>& k, const T* r) {
+    return reinterpret_cast<const T*>(reinterpret_cast<const std::uint8_t*>(r) + k.nextRow);
+}
+
+template <class T, int Dims>
+inline float ownBlendLinear(const OwnLinearCtx<T>& k, int ix, int iy, int iz, float tx, float ty, float tz) {
+    const T* r00 = ownTapRow(k, Dims == 3 ? iz : 0, iy);
+    const T* r10 = ownNextRow(k, r00);
+    const int x1 = ix + k.nextX;
+    float p[4] = {static_cast<float>(r00[ix]), static_cast<float>(r00[x1]), static_cast<float>(r10[ix]),
+                  static_cast<float>(r10[x1])};
+    if (Dims == 3) {
+        const T* r01 = ownTapRow(k, iz + k.nextZ, iy);
+        const T* r11 = ownNextRow(k, r01);
+        p[0] = ownLerp(p[0], static_cast<float>(r01[ix]), tz);
+        p[1] = ownLerp(p[1], static_cast<float>(r01[x1]), tz);
+        p[2] = ownLerp(p[2], static_cast<float>(r11[ix]), tz);
+        p[3] = ownLerp(p[3], static_cast<float>(r11[x1]), tz);
+    }
+    return ownLerp(ownLerp(p[0], p[2], ty), ownLerp(p[1], p[3], ty), tx);
+}
+
+// (v[0], v[1], w[0], w[1]) as floats, for the 16u element pairs v at byte
+// address p and w at p + next: the x tap pairs of two rows, each read as one
+// 4-byte word.
+inline __m128 ownTapQuad(const std::uint16_t*, const std::uint8_t* p, std::ptrdiff_t next) {
+    std::uint32_t a, b;
+    std::memcpy(&a, p, 4);
+    std::memcpy(&b, p + next, 4);
+    const __m128i v =
+        _mm_unpacklo_epi32(_mm_cvtsi32_si128(static_cast<int>(a)), _mm_cvtsi32_si128(static_cast<int>(b)));
+    return _mm_cvtepi32_ps(_mm_unpacklo_epi16(v, _mm_setzero_si128()));
+}
+
+// The SSE kernels address a tap row pair by one 32-bit byte offset inside
+// the plane, iy * step + ix * sizeof(T), formed for four lanes by one 16-bit
+// multiply-add. That needs indices and step below 2^15; larger sources use
+// the scalar kernels.
+template <class T>
+inline bool ownLinearSseFits(const OwnSource<T>& s) {
+    return s.hi[0] > s.lo[0] && s.step > 0 && s.step <= 32767 && s.hi[0] <= 32767 && s.hi[1] <= 32767;
+}
+template <class T>
+inline __m128i ownTapOffsets(__m128i ix, __m128i iy, std::ptrdiff_t step) {
+    const __m128i factors = _mm_set1_epi32(static_cast<int>((step << 16) | static_cast<int>(sizeof(T))));
+    return _mm_madd_epi16(_mm_or_si128(_mm_slli_epi32(iy, 16), ix), factors);
+}
+
+// The taps a, b, c, d of four voxels as four vectors, lane j for voxel j:
+// (a, b) is the element pair at byte address p[j], (c, d) the pair at
+// p[j] + next. 16u reads each voxel's quad and transposes; float and 8u
+// place the values straight into their lanes.
+template <class T>
+struct OwnTapGather {
+    VEKR_ALWAYS_INLINE static void run(const std::uint8_t* const p[4], std::ptrdiff_t next, __m128& a, __m128& b,
+                                       __m128& c, __m128& d) {
+        const T* tag = nullptr;
+        a = ownTapQuad(tag, p[0], next);
+        b = ownTapQuad(tag, p[1], next);
+        c = ownTapQuad(tag, p[2], next);
+        d = ownTapQuad(tag, p[3], next);
+        _MM_TRANSPOSE4_PS(a, b, c, d);
+    }
+};
+template <>
+struct OwnTapGather<float> {
+    // Two voxels' pairs per register, (a0, b0, a1, b1), then even and odd lanes.
+    VEKR_ALWAYS_INLINE static __m128 pairs(const std::uint8_t* p0, const std::uint8_t* p1) {
+        const __m128 lo = _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p0)));
+        return _mm_loadh_pi(lo, reinterpret_cast<const __m64*>(p1));
+    }
+    VEKR_ALWAYS_INLINE static void run(const std::uint8_t* const p[4], std::ptrdiff_t next, __m128& a, __m128& b,
+                                       __m128& c, __m128& d) {
+        const __m128 ab01 = pairs(p[0], p[1]), ab23 = pairs(p[2], p[3]);
+        const __m128 cd01 = pairs(p[0] + next, p[1] + next), cd23 = pairs(p[2] + next, p[3] + next);
+        a = _mm_shuffle_ps(ab01, ab23, _MM_SHUFFLE(2, 0, 2, 0));
+        b = _mm_shuffle_ps(ab01, ab23, _MM_SHUFFLE(3, 1, 3, 1));
+        c = _mm_shuffle_ps(cd01, cd23, _MM_SHUFFLE(2, 0, 2, 0));
+        d = _mm_shuffle_ps(cd01, cd23, _MM_SHUFFLE(3, 1, 3, 1));
+    }
+};
+template <>
+struct OwnTapGather<std::uint8_t> {
+    // All sixteen bytes in one register (a0 b0 c0 d0 a1 b1 ...), then one
+    // byte shuffle per tap spreads its four bytes over the lanes.
+    VEKR_ALWAYS_INLINE static int pair(const std::uint8_t* p) {
+        std::uint16_t v;
+        std::memcpy(&v, p, 2);
+        return v;
+    }
+    VEKR_ALWAYS_INLINE static void run(const std::uint8_t* const p[4], std::ptrdiff_t next, __m128& a, __m128& b,
+                                       __m128& c, __m128& d) {
+        __m128i v = _mm_cvtsi32_si128(pair(p[0]));
+        v = _mm_insert_epi16(v, pair(p[0] + next), 1);
+        v = _mm_insert_epi16(v, pair(p[1]), 2);
+        v = _mm_insert_epi16(v, pair(p[1] + next), 3);
+        v = _mm_insert_epi16(v, pair(p[2]), 4);
+        v = _mm_insert_epi16(v, pair(p[2] + next), 5);
+        v = _mm_insert_epi16(v, pair(p[3]), 6);
+        v = _mm_insert_epi16(v, pair(p[3] + next), 7);
+        // Byte j of each voxel's four into the low byte of its lane, zeros above.
+        auto tap = [v](char j) {
+            const char z = -128;
+            const __m128i pick = _mm_setr_epi8(j, z, z, z, j + 4, z, z, z, j + 8, z, z, z, j + 12, z, z, z);
+            return _mm_cvtepi32_ps(_mm_shuffle_epi8(v, pick));
+        };
+        a = tap(0), b = tap(1), c = tap(2), d = tap(3);
+    }
+};
+
+// iz * planeStep on four lanes (iz >= 0; the products fit 31 bits).
+inline __m128i ownPlaneOffsets(__m128i iz, std::ptrdiff_t planeStep) {
+    const __m128i f = _mm_set1_epi32(static_cast<int>(planeStep));
+    const __m128i even = _mm_mul_epu32(iz, f), odd = _mm_mul_epu32(_mm_srli_epi64(iz, 32), f);
+    return _mm_unpacklo_epi32(_mm_shuffle_epi32(even, _MM_SHUFFLE(0, 0, 2, 0)),
+                              _mm_shuffle_epi32(odd, _MM_SHUFFLE(0, 0, 2, 0)));
+}
+
+// Byte offsets of the (x0, y0, z0) taps of four lanes: from the plane's
+// start, or from the origin when the planes are evenly spaced.
+template <class T, int Dims, bool EvenPlanes>
+inline __m128i ownLaneOffsets(const OwnLinearCtx<T>& k, __m128i ix, __m128i iy, __m128i iz) {
+    const __m128i off = ownTapOffsets<T>(ix, iy, k.step);
+    return EvenPlanes && Dims == 3 ? _mm_add_epi32(off, ownPlaneOffsets(iz, k.planeStep)) : off;
+}
+
+// ownBlendLinear for four voxels at once, voxel j in lane j: the taps are
+// gathered so that one vector holds tap a of the four voxels and so on, and
+// blended by the same lerps in the same order as the scalar rule. off holds
+// each voxel's byte offset of tap (x0, y0, z0) as ownLaneOffsets forms it,
+// iz its plane z0; every lane must address taps inside the box. EvenPlanes
+// (the source's evenPlanes holds) addresses the taps from the origin,
+// otherwise through each lane's plane pointer.
+template <class T, int Dims, bool EvenPlanes>
+VEKR_ALWAYS_INLINE inline __m128 ownBlendLinearLanes(const OwnLinearCtx<T>& k, __m128i off, __m128i iz, __m128 tx,
+                                                     __m128 ty, __m128 tz) {
+    const std::uint8_t* p[4];
+    const std::uint8_t* q[4];
+    if (EvenPlanes) {
+        // Offsets from the origin are below 2^31: widened without sign.
+        std::uint32_t o[4];
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(o), off);
+        for (int j = 0; j < 4; ++j) {
+            p[j] = reinterpret_cast<const std::uint8_t*>(k.origin + o[j]);
+            q[j] = p[j] + k.nextPlane;
+        }
+    } else {
+        std::int32_t o[4], z[4] = {0, 0, 0, 0};
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(o), off);
+        if (Dims == 3) _mm_storeu_si128(reinterpret_cast<__m128i*>(z), iz);
+        for (int j = 0; j < 4; ++j) {
+            p[j] = reinterpret_cast<const std::uint8_t*>(k.pPlanes[z[j]]) + o[j];
+            q[j] = Dims == 3 ? reinterpret_cast<const std::uint8_t*>(k.pPlanes[z[j] + k.nextZ]) + o[j] : p[j];
+        }
+    }
+    __m128 p0, p1, p2, p3;
+    OwnTapGather<T>::run(p, k.nextRow, p0, p1, p2, p3);
+    if (Dims == 3) {
+        __m128 e, f, g, h;
+        OwnTapGather<T>::run(q, k.nextRow, e, f, g, h);
+        p0 = ownLerp4(p0, e, tz);
+        p1 = ownLerp4(p1, f, tz);
+        p2 = ownLerp4(p2, g, tz);
+        p3 = ownLerp4(p3, h, tz);
+    }
+    return ownLerp4(ownLerp4(p0, p2, ty), ownLerp4(p1, p3, ty), tx);
+}
+
+// Lower taps and fractions of four coordinates as lanes. The index is
+// trunc(min(max(c, lo), top)): for a coordinate inside the box that is
+// min(trunc(c), top), the scalar rule; lanes outside the box (NaN included,
+// which max turns into lo) get an index in the box, so their taps can be
+// read and then discarded. t = c - index, rounded to float.
+inline __m128i ownLinearIndex4(__m128 c, __m128 lo, __m128 top, __m128& t) {
+    const __m128i i = _mm_cvttps_epi32(_mm_min_ps(_mm_max_ps(c, lo), top));
+    t = _mm_sub_ps(c, _mm_cvtepi32_ps(i));
+    return i;
+}
+// Stores the lanes of v whose bit is set in mask at p[0..3] by the element
+// type's rule (all four at once when all are set).
+template <class T>
+inline void ownStoreLanes(T* p, __m128 v, int mask) {
+    if (mask == 15) {
+        ownStoreInterp4(p, v);
+        return;
+    }
+    float f[4];
+    _mm_storeu_ps(f, v);
+    for (int j = 0; j < 4; ++j)
+        if (mask & (1 << j)) p[j] = ownStoreInterp<T>(f[j]);
+}
+
+template <class T>
+inline float ownCubicRow(const T* r, const OwnCubicTap& tx) {
+    return ownCubicSum(static_cast<float>(r[tx.i[0]]), static_cast<float>(r[tx.i[1]]), static_cast<float>(r[tx.i[2]]),
+                       static_cast<float>(r[tx.i[3]]), tx.w);
+}
+
+template <class T, int Dims, class C>
+inline float ownSampleCubic(const OwnSource<T>& s, const OwnCubicKernel& k, C x, C y, C z) {
+    OwnCubicTap tx, ty;
+    ownCubicTap(x, s.lo[0], s.hi[0], k, tx);
+    ownCubicTap(y, s.lo[1], s.hi[1], k, ty);
+    auto plane = [&](int zi) {
+        float r[4];
+        for (int j = 0; j < 4; ++j) r[j] = ownCubicRow(ownSourceRow(s, zi, ty.i[j]), tx);
+        return ownCubicSum(r[0], r[1], r[2], r[3], ty.w);
+    };
+    if (Dims == 2) return plane(0);
+    OwnCubicTap tz;
+    ownCubicTap(z, s.lo[2], s.hi[2], k, tz);
+    float p[4];
+    for (int j = 0; j < 4; ++j) p[j] = plane(tz.i[j]);
+    return ownCubicSum(p[0], p[1], p[2], p[3], tz.w);
+}
+
+// ownCubicWeights with the four kernel arguments as two double pairs: both
+// polynomials are evaluated as in ownCubicWeight and the branch is a lane
+// select, so the weights are the same bits.
+VEKR_ALWAYS_INLINE inline __m128 ownCubicWeightsSse(const OwnCubicKernel& k, double t) {
+    auto weight = [&k](__m128d x) {
+        const __m128d ax = _mm_andnot_pd(_mm_set1_pd(-0.0), x);
+        const __m128d x2 = _mm_mul_pd(ax, ax);
+        const __m128d x3 = _mm_mul_pd(x2, ax);
+        const __m128d in =
+            _mm_add_pd(_mm_add_pd(_mm_add_pd(_mm_mul_pd(_mm_set1_pd(k.in3), x3), _mm_mul_pd(_mm_set1_pd(k.in2), x2)),
+                                  _mm_mul_pd(_mm_set1_pd(k.in1), ax)),
+                       _mm_set1_pd(k.in0));
+        const __m128d out =
+            _mm_add_pd(_mm_add_pd(_mm_add_pd(_mm_mul_pd(_mm_set1_pd(k.out3), x3), _mm_mul_pd(_mm_set1_pd(k.out2), x2)),
+                                  _mm_mul_pd(_mm_set1_pd(k.out1), ax)),
+                       _mm_set1_pd(k.out0));
+        const __m128d inner = _mm_cmplt_pd(ax, _mm_set1_pd(1.0));
+        const __m128d outer = _mm_andnot_pd(inner, _mm_cmplt_pd(ax, _mm_set1_pd(2.0)));
+        return _mm_or_pd(_mm_and_pd(inner, in), _mm_and_pd(outer, out));
+    };
+    const __m128d a01 = _mm_set_pd(t, 1.0 + t);
+    const __m128d a23 = _mm_set_pd(2.0 - t, 1.0 - t);
+    if (t > 0.0 && t < 1.0) {
+        // The usual case: the arguments 1 + t, t, 1 - t, 2 - t lie in [1, 2),
+        // [0, 1), (0, 1) and (1, 2), all positive, so each lane's polynomial
+        // is known and the other need not be evaluated.
+        auto poly = [](__m128d x, __m128d c3, __m128d c2, __m128d c1, __m128d c0) {
+            const __m128d x2 = _mm_mul_pd(x, x);
+            const __m128d x3 = _mm_mul_pd(x2, x);
+            return _mm_add_pd(_mm_add_pd(_mm_add_pd(_mm_mul_pd(c3, x3), _mm_mul_pd(c2, x2)), _mm_mul_pd(c1, x)), c0);
+        };
+        const __m128d w01 = poly(a01, _mm_set_pd(k.in3, k.out3), _mm_set_pd(k.in2, k.out2), _mm_set_pd(k.in1, k.out1),
+                                 _mm_set_pd(k.in0, k.out0));
+        const __m128d w23 = poly(a23, _mm_set_pd(k.out3, k.in3), _mm_set_pd(k.out2, k.in2), _mm_set_pd(k.out1, k.in1),
+                                 _mm_set_pd(k.out0, k.in0));
+        return _mm_movelh_ps(_mm_cvtpd_ps(w01), _mm_cvtpd_ps(w23));
+    }
+    return _mm_movelh_ps(_mm_cvtpd_ps(weight(a01)), _mm_cvtpd_ps(weight(a23)));
+}
+
+// Four elements from p as floats.
+inline __m128 ownLoad4(const float* p) { return _mm_loadu_ps(p); }
+inline __m128 ownLoad4(const std::uint16_t* p) {
+    return _mm_cvtepi32_ps(
+        _mm_unpacklo_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)), _mm_setzero_si128()));
+}
+inline __m128 ownLoad4(const std::uint8_t* p) {
+    std::uint32_t v;
+    std::memcpy(&v, p, 4);
+    const __m128i zero = _mm_setzero_si128();
+    return _mm_cvtepi32_ps(_mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(v)), zero), zero));
+}
+
+// Sum of the lanes of v weighted by the lanes of w, in the order of
+// ownCubicSum: ((w0 v0 + w1 v1) + w2 v2) + w3 v3.
+VEKR_ALWAYS_INLINE inline float ownCubicDot(__m128 v, __m128 w) {
+    const __m128 p = _mm_mul_ps(w, v);
+    const __m128 s01 = _mm_add_ss(p, _mm_shuffle_ps(p, p, 0x55));
+    const __m128 s012 = _mm_add_ss(s01, _mm_movehl_ps(p, p));
+    return _mm_cvtss_f32(_mm_add_ss(s012, _mm_shuffle_ps(p, p, 0xFF)));
+}
+
+// The cubic weights of one axis broadcast to four vectors.
+struct OwnCubicWeights4 {
+    __m128 w0, w1, w2, w3;
+};
+VEKR_ALWAYS_INLINE inline OwnCubicWeights4 ownBroadcast(__m128 w) {
+    return OwnCubicWeights4{_mm_shuffle_ps(w, w, 0x00), _mm_shuffle_ps(w, w, 0x55), _mm_shuffle_ps(w, w, 0xAA),
+                            _mm_shuffle_ps(w, w, 0xFF)};
+}
+
+// Sums along x of four rows, lane j for row j: each row's four x taps are
+// read as one vector (gathered when the box edge clamps them), the rows are
+// transposed so that vector j holds x tap j of the four rows, and the sums
+// run lane-wise in the order of ownCubicSum.
+template <class T>
+VEKR_ALWAYS_INLINE inline __m128 ownCubicRows4(const T* r0, const T* r1, const T* r2, const T* r3, const int xs[4],
+                                               bool contiguous, const OwnCubicWeights4& wx) {
+    __m128 a, b, c, d;
+    if (contiguous) {
+        a = ownLoad4(r0 + xs[0]), b = ownLoad4(r1 + xs[0]), c = ownLoad4(r2 + xs[0]), d = ownLoad4(r3 + xs[0]);
+    } else {
+        auto gather = [xs](const T* r) {
+            return _mm_setr_ps(static_cast<float>(r[xs[0]]), static_cast<float>(r[xs[1]]), static_cast<float>(r[xs[2]]),
+                               static_cast<float>(r[xs[3]]));
+        };
+        a = gather(r0), b = gather(r1), c = gather(r2), d = gather(r3);
+    }
+    _MM_TRANSPOSE4_PS(a, b, c, d);
+    return ownCubicSum4(a, b, c, d, wx.w0, wx.w1, wx.w2, wx.w3);
+}
+
+// ownSampleCubic with four sums at a time as lanes: the x sums of the four
+// rows of a plane (ownCubicRows4), then the y sums of the four planes after
+// a transpose, then the z sum (ownCubicDot); every sum in the scalar order.
+template <class T, int Dims, class C>
+VEKR_ALWAYS_INLINE inline float ownSampleCubicSse(const OwnSource<T>& s, const OwnCubicKernel& k, C x, C y, C z) {
+    const C c[3] = {x, y, z};
+    int tap[3][4];
+    __m128 w[3];
+    bool contiguous = true;
+    for (int ax = 0; ax < Dims; ++ax) {
+        const int i0 = static_cast<int>(c[ax]);
+        w[ax] = ownCubicWeightsSse(k, static_cast<double>(static_cast<float>(c[ax] - static_cast<C>(i0))));
+        if (i0 - 1 >= s.lo[ax] && i0 + 2 <= s.hi[ax]) {
+            for (int j = 0; j < 4; ++j) tap[ax][j] = i0 - 1 + j;
+        } else {
+            for (int j = 0; j < 4; ++j) {
+                const int i = i0 - 1 + j;
+                tap[ax][j] = i < s.lo[ax] ? s.lo[ax] : (i > s.hi[ax] ? s.hi[ax] : i);
+            }
+            if (ax == 0) contiguous = false;
+        }
+    }
+    const OwnCubicWeights4 wx = ownBroadcast(w[0]);
+    auto plane = [&](int zi) {
+        return ownCubicRows4(ownSourceRow(s, zi, tap[1][0]), ownSourceRow(s, zi, tap[1][1]),
+                             ownSourceRow(s, zi, tap[1][2]), ownSourceRow(s, zi, tap[1][3]), tap[0], contiguous, wx);
+    };
+    if (Dims == 2) return ownCubicDot(plane(0), w[1]);
+    __m128 p0 = plane(tap[2][0]), p1 = plane(tap[2][1]), p2 = plane(tap[2][2]), p3 = plane(tap[2][3]);
+    _MM_TRANSPOSE4_PS(p0, p1, p2, p3);  // pj = the row sums of y tap j in the four planes
+    const OwnCubicWeights4 wy = ownBroadcast(w[1]);
+    return ownCubicDot(ownCubicSum4(p0, p1, p2, p3, wy.w0, wy.w1, wy.w2, wy.w3), w[2]);
+}
+
+// ---------------------------------------------------------------------------
+// Remap row kernels: one destination row from one row of each map
+// ---------------------------------------------------------------------------
+
+// A remap row: width destination voxels and the map values of the same
+// positions (pz is not read by the single-plane kernels).
+template <class T>
+struct OwnRemapRowArgs {
+    T* pDst;
+    const float* px;
+    const float* py;
+    const float* pz;
+    int width;
+};
+
+template <class T>
+using OwnRemapRowFn = void (*)(const OwnSource<T>&, const OwnRemapRowArgs<T>&);
+
+// Nearest: outside when x < xLow, x > xHigh, ... (so a box edge is inside and
+// an outside point writes nothing); inside points read the element at the
+// coordinates rounded with ties to even. A NaN coordinate fails every
+// comparison and counts as inside; its index is clamped into the box
+// (a > b ? a : b form, which turns NaN into the bound) so that it reads a
+// voxel of the box instead of wild memory. Any other inside coordinate is
+// unchanged by the clamp.
+template <class T, int Dims>
+void ownRemapRowNearest(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
+    for (int i = 0; i < a.width; ++i) {
+        float c[3] = {a.px[i], a.py[i], Dims == 3 ? a.pz[i] : 0.0f};
+        bool outside = false;
+        for (int ax = 0; ax < Dims; ++ax) outside = outside || c[ax] < s.loF[ax] || c[ax] > s.hiF[ax];
+        if (outside) continue;
+        int idx[3] = {0, 0, 0};
+        for (int ax = 0; ax < Dims; ++ax) {
+            float v = c[ax] > s.loF[ax] ? c[ax] : s.loF[ax];
+            v = v < s.hiF[ax] ? v : s.hiF[ax];
+            idx[ax] = ownRoundEven(v);
+        }
+        a.pDst[i] = ownSourceRow(s, idx[2], idx[1])[idx[0]];
+    }
+}
+
+// The SSE form of ownRemapRowNearest (rows of a multiple of 4 voxels,
+// aligned map rows, offsets that fit ownTapOffsets): the outside test, the
+// clamp (maxps and minps are the a > b ? a : b and a < b ? a : b selects of
+// the scalar rule) and the rounding (cvtps2dq, the same conversion in the
+// same mode) run on four points; the inside points are then copied one by
+// one.
+template <class T, int Dims>
+void ownRemapRowNearestSse(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
+    __m128 lo[3], hi[3];
+    for (int ax = 0; ax < 3; ++ax) {
+        lo[ax] = _mm_set1_ps(s.loF[ax]);
+        hi[ax] = _mm_set1_ps(s.hiF[ax]);
+    }
+    for (int i = 0; i < a.width; i += 4) {
+        const __m128 c[3] = {_mm_load_ps(a.px + i), _mm_load_ps(a.py + i),
+                             Dims == 3 ? _mm_load_ps(a.pz + i) : _mm_setzero_ps()};
+        __m128 outside = _mm_setzero_ps();
+        __m128i idx[3];
+        for (int ax = 0; ax < Dims; ++ax) {
+            outside = _mm_or_ps(outside, _mm_or_ps(_mm_cmplt_ps(c[ax], lo[ax]), _mm_cmpgt_ps(c[ax], hi[ax])));
+            idx[ax] = _mm_cvtps_epi32(_mm_min_ps(_mm_max_ps(c[ax], lo[ax]), hi[ax]));
+        }
+        int inside = ~_mm_movemask_ps(outside) & 15;
+        if (inside == 0) continue;
+        std::int32_t off[4], z[4] = {0, 0, 0, 0};
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(off), ownTapOffsets<T>(idx[0], idx[1], s.step));
+        if (Dims == 3) _mm_storeu_si128(reinterpret_cast<__m128i*>(z), idx[2]);
+        for (int j = 0; j < 4; ++j, inside >>= 1)
+            if (inside & 1)
+                std::memcpy(a.pDst + i + j, reinterpret_cast<const std::uint8_t*>(s.pPlanes[z[j]]) + off[j], sizeof(T));
+    }
+}
+
+// Inside test of the linear and cubic kernels: lo <= c <= hi on every axis
+// (a NaN coordinate is outside).
+template <int Dims, class C, class B>
+inline bool ownInsideBox(const C c[3], const B& lo, const B& hi) {
+    for (int ax = 0; ax < Dims; ++ax)
+        if (!(c[ax] >= lo[ax] && c[ax] <= hi[ax])) return false;
+    return true;
+}
+
+template <class T, int Dims>
+void ownRemapRowLinear(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
+    const OwnLinearCtx<T> k = ownLinearCtx(s);
+    const float xLo = s.loF[0], xHi = s.hiF[0], yLo = s.loF[1], yHi = s.hiF[1], zLo = s.loF[2], zHi = s.hiF[2];
+    for (int i = 0; i < a.width; ++i) {
+        const float x = a.px[i], y = a.py[i], z = Dims == 3 ? a.pz[i] : 0.0f;
+        if (!(x >= xLo && x <= xHi && y >= yLo && y <= yHi)) continue;
+        if (Dims == 3 && !(z >= zLo && z <= zHi)) continue;
+        float tx, ty, tz = 0.0f;
+        const int ix = ownLinearIndex(x, k.top[0], tx);
+        const int iy = ownLinearIndex(y, k.top[1], ty);
+        const int iz = Dims == 3 ? ownLinearIndex(z, k.top[2], tz) : 0;
+        a.pDst[i] = ownStoreInterp<T>(ownBlendLinear<T, Dims>(k, ix, iy, iz, tx, ty, tz));
+    }
+}
+
+// The SSE form of ownRemapRowLinear for rows of a multiple of 4 voxels with
+// 16-byte aligned map rows, and a box wider than one voxel: four map points
+// at a time go through the inside test, the taps, the fractions and the
+// blend as lanes; only the inside lanes are stored.
+template <class T, int Dims, bool EvenPlanes>
+void ownRemapRowLinearLanes(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
+    const OwnLinearCtx<T> k = ownLinearCtx(s);
+    __m128 lo[3], hi[3], top[3];
+    for (int ax = 0; ax < 3; ++ax) {
+        lo[ax] = _mm_set1_ps(s.loF[ax]);
+        hi[ax] = _mm_set1_ps(s.hiF[ax]);
+        top[ax] = _mm_set1_ps(static_cast<float>(k.top[ax]));
+    }
+    for (int i = 0; i < a.width; i += 4) {
+        const __m128 x = _mm_load_ps(a.px + i), y = _mm_load_ps(a.py + i);
+        const __m128 z = Dims == 3 ? _mm_load_ps(a.pz + i) : _mm_setzero_ps();
+        __m128 inside = _mm_and_ps(_mm_and_ps(_mm_cmpge_ps(x, lo[0]), _mm_cmple_ps(x, hi[0])),
+                                   _mm_and_ps(_mm_cmpge_ps(y, lo[1]), _mm_cmple_ps(y, hi[1])));
+        if (Dims == 3) inside = _mm_and_ps(inside, _mm_and_ps(_mm_cmpge_ps(z, lo[2]), _mm_cmple_ps(z, hi[2])));
+        const int mask = _mm_movemask_ps(inside);
+        if (mask == 0) continue;
+        __m128 tx, ty, tz = _mm_setzero_ps();
+        const __m128i ix = ownLinearIndex4(x, lo[0], top[0], tx);
+        const __m128i iy = ownLinearIndex4(y, lo[1], top[1], ty);
+        const __m128i iz = Dims == 3 ? ownLinearIndex4(z, lo[2], top[2], tz) : _mm_setzero_si128();
+        const __m128i off = ownLaneOffsets<T, Dims, EvenPlanes>(k, ix, iy, iz);
+        const __m128 v = ownBlendLinearLanes<T, Dims, EvenPlanes>(k, off, iz, tx, ty, tz);
+        ownStoreLanes(a.pDst + i, v, mask);
+    }
+}
+template <class T, int Dims>
+void ownRemapRowLinearSse(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
+    if (s.evenPlanes)
+        ownRemapRowLinearLanes<T, Dims, true>(s, a);
+    else
+        ownRemapRowLinearLanes<T, Dims, false>(s, a);
+}
+
+template <class T, int Dims, int Code, bool Sse>
+void ownRemapRowCubic(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
+    const OwnCubicKernel& k = ownCubicKernel(Code);
+    for (int i = 0; i < a.width; ++i) {
+        const float c[3] = {a.px[i], a.py[i], Dims == 3 ? a.pz[i] : 0.0f};
+        if (!ownInsideBox<Dims>(c, s.loF, s.hiF)) continue;
+        a.pDst[i] = ownStoreInterp<T>(Sse ? ownSampleCubicSse<T, Dims>(s, k, c[0], c[1], c[2])
+                                          : ownSampleCubic<T, Dims>(s, k, c[0], c[1], c[2]));
+    }
+}
+
+// The remap row kernels of one element type and dimension, indexed by
+// interpolation code (code 3 and 0 have none).
+template <class T, int Dims, bool Sse>
+struct OwnRemapKernels {
+    static constexpr OwnRemapRowFn<T> table[8] = {
+        nullptr,
+        Sse ? ownRemapRowNearestSse<T, Dims> : ownRemapRowNearest<T, Dims>,
+        Sse ? ownRemapRowLinearSse<T, Dims> : ownRemapRowLinear<T, Dims>,
+        nullptr,
+        ownRemapRowCubic<T, Dims, vekrInterCubic, Sse>,
+        ownRemapRowCubic<T, Dims, vekrInterCubicBSpline, Sse>,
+        ownRemapRowCubic<T, Dims, vekrInterCubicCatmullRom, Sse>,
+        ownRemapRowCubic<T, Dims, vekrInterCubicB05C03, Sse>,
+    };
+};
+
+// ---------------------------------------------------------------------------
+// Warp row kernels: one destination row along a straight line of source points
+// ---------------------------------------------------------------------------
+
+// A warp row: count destination voxels from pDst; the source point of the
+// first is start, and each step in x adds delta (the inverse map's first
+// column). Coordinates are carried in double.
+template <class T>
+struct OwnWarpRowArgs {
+    T* pDst;
+    double start[3];
+    double delta[3];
+    int count;
+};
+
+template <class T>
+using OwnWarpRowFn = void (*)(const OwnSource<T>&, const OwnWarpRowArgs<T>&);
+
+// Bounds of the box in double for the warp's inside test.
+struct OwnBoxD {
+    double lo[3], hi[3];
+};
+template <class T>
+inline OwnBoxD ownBoxD(const OwnSource<T>& s) {
+    OwnBoxD b;
+    for (int a = 0; a < 3; ++a) {
+        b.lo[a] = s.lo[a];
+        b.hi[a] = s.hi[a];
+    }
+    return b;
+}
+
+// All warp kernels share the walk: the point advances by delta every voxel,
+// inside or not, and only inside points are written. Sample(c) gives the
+// element to store.
+template <class T, int Dims, class Sample>
+inline void ownWarpWalk(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a, Sample sample) {
+    const OwnBoxD box = ownBoxD(s);
+    double c[3] = {a.start[0], a.start[1], a.start[2]};
+    for (int i = 0; i < a.count; ++i) {
+        if (ownInsideBox<Dims>(c, box.lo, box.hi)) a.pDst[i] = sample(c);
+        c[0] += a.delta[0];
+        c[1] += a.delta[1];
+        c[2] += a.delta[2];
+    }
+}
+
+template <class T, int Dims>
+void ownWarpRowNearest(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
+    ownWarpWalk<T, Dims>(s, a, [&](const double* c) {
+        return ownSourceRow(s, Dims == 3 ? ownRoundEven(c[2]) : 0, ownRoundEven(c[1]))[ownRoundEven(c[0])];
+    });
+}
+
+template <class T, int Dims>
+void ownWarpRowLinear(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
+    const OwnLinearCtx<T> k = ownLinearCtx(s);
+    const double xLo = s.lo[0], xHi = s.hi[0], yLo = s.lo[1], yHi = s.hi[1], zLo = s.lo[2], zHi = s.hi[2];
+    const double dx = a.delta[0], dy = a.delta[1], dz = a.delta[2];
+    double x = a.start[0], y = a.start[1], z = a.start[2];
+    for (int i = 0; i < a.count; ++i, x += dx, y += dy, z += dz) {
+        if (!(x >= xLo && x <= xHi && y >= yLo && y <= yHi)) continue;
+        if (Dims == 3 && !(z >= zLo && z <= zHi)) continue;
+        float tx, ty, tz = 0.0f;
+        const int ix = ownLinearIndex(x, k.top[0], tx);
+        const int iy = ownLinearIndex(y, k.top[1], ty);
+        const int iz = Dims == 3 ? ownLinearIndex(z, k.top[2], tz) : 0;
+        a.pDst[i] = ownStoreInterp<T>(ownBlendLinear<T, Dims>(k, ix, iy, iz, tx, ty, tz));
+    }
+}
+
+// The walk of a warp row four points at a time: next() gives points i .. i + 3
+// as two double pairs per axis, each point the previous plus the step, the
+// same additions as the scalar walk (x and y side by side in one register,
+// z alone); lastXy and lastZ hold point i + 3.
+struct OwnWarpWalk4 {
+    __m128d xy, dxy, lastXy;
+    double z, dz, lastZ;
+    OwnWarpWalk4(const double start[3], const double delta[3])
+        : xy(_mm_set_pd(start[1], start[0])), dxy(_mm_set_pd(delta[1], delta[0])), lastXy(xy),
+          z(start[2]), dz(delta[2]), lastZ(z) {}
+    VEKR_ALWAYS_INLINE void nextXy(__m128d c01[3], __m128d c23[3]) {
+        const __m128d p0 = xy, p1 = _mm_add_pd(p0, dxy), p2 = _mm_add_pd(p1, dxy), p3 = _mm_add_pd(p2, dxy);
+        c01[0] = _mm_unpacklo_pd(p0, p1), c01[1] = _mm_unpackhi_pd(p0, p1);
+        c23[0] = _mm_unpacklo_pd(p2, p3), c23[1] = _mm_unpackhi_pd(p2, p3);
+        lastXy = p3;
+        xy = _mm_add_pd(p3, dxy);
+    }
+    VEKR_ALWAYS_INLINE void next(__m128d c01[3], __m128d c23[3]) {
+        nextXy(c01, c23);
+        const double z1 = z + dz, z2 = z1 + dz, z3 = z2 + dz;
+        c01[2] = _mm_set_pd(z1, z), c23[2] = _mm_set_pd(z3, z2);
+        lastZ = z3;
+        z = z3 + dz;
+    }
+    // The current point (the next to come), as three doubles.
+    void point(double c[3]) const {
+        _mm_storeu_pd(c, xy);
+        c[2] = z;
+    }
+    void deltas(double d[3]) const {
+        _mm_storeu_pd(d, dxy);
+        d[2] = dz;
+    }
+};
+
+// How many points of a warp row, from the walk's current point c on, are
+// surely inside the box with every coordinate below its upper bound; at
+// most n. c itself must lie in [lo, hi) on every axis; from there each
+// coordinate, moving one way (the walk is monotonic), can only cross the
+// bound it moves towards.
+//
+// Point k of the walk is c plus k additions of d, so over n steps it strays
+// from the line c + k d by at most n 2^-52 (|c| + n |d| + 1) (each addition
+// rounds by half an ulp of its sum). The margin m is 16 times that bound and
+// also covers the rounding of q, so every point counted lies in the box and
+// strictly below hi: its index trunc(c) is at most hi - 1 and neither clamp
+// of the index can act. A coordinate moving down must therefore start below
+// hi (the walk may sit exactly on hi); one standing still stays where it is.
+inline int ownWarpSurelyInside(const double c[3], const double d[3], const OwnBoxD& box, int dims, int n) {
+    double limit = n;
+    for (int ax = 0; ax < dims; ++ax) {
+        const double size = std::fabs(c[ax]) + n * std::fabs(d[ax]) + std::fabs(box.lo[ax]) + std::fabs(box.hi[ax]);
+        const double m = (n + 1.0) * 0x1p-48 * (size + 1.0);
+        if (!(c[ax] >= box.lo[ax] && c[ax] < box.hi[ax])) return 0;
+        double q;
+        if (d[ax] > 0)
+            q = ((box.hi[ax] - c[ax]) - m) / d[ax];
+        else if (d[ax] < 0)
+            q = ((box.lo[ax] - c[ax]) + m) / d[ax];
+        else
+            continue;
+        // The last point counted is the one before floor(q), less one for
+        // the rounding of q: point k for k < q - 1.
+        if (!(q - 1.0 < limit)) continue;
+        limit = q - 1.0;
+    }
+    return limit > 0 ? static_cast<int>(limit) : 0;
+}
+
+// The SSE form of ownWarpRowLinear (rows of a multiple of 4 voxels, a box
+// wider than one voxel), four points at a time as lanes.
+//
+// The inside points of a row form one run: along each axis the walk is
+// monotonic (x + d rounds to a value on the same side of x as d; a NaN or
+// infinite coordinate stays outside for the rest of the row), so each axis
+// is inside over one interval of the row, and so is their intersection. The
+// row therefore goes in three stages: groups before the run take the full
+// inside test; inside the run, the groups that ownWarpSurelyInside counts
+// take no test and no clamp, and after them a group whose last point is
+// inside lies inside as a whole; the group where the run ends is stored
+// lane by lane, and the rest of the row is outside.
+template <class T, int Dims, bool EvenPlanes>
+void ownWarpRowLinearLanes(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
+    const OwnLinearCtx<T> k = ownLinearCtx(s);
+    __m128d lo[3], hi[3], top[3];
+    for (int ax = 0; ax < 3; ++ax) {
+        lo[ax] = _mm_set1_pd(s.lo[ax]);
+        hi[ax] = _mm_set1_pd(s.hi[ax]);
+        top[ax] = _mm_set1_pd(k.top[ax]);
+    }
+    const OwnBoxD box = ownBoxD(s);
+    const __m128d loXy = _mm_set_pd(box.lo[1], box.lo[0]), hiXy = _mm_set_pd(box.hi[1], box.hi[0]);
+    OwnWarpWalk4 walk(a.start, a.delta);
+    __m128d c01[3], c23[3];
+
+    // A plane z tap fixed for a stretch of the row: index, fraction and the
+    // plane's offset from the origin, on all lanes.
+    struct {
+        __m128i iz, planeOff;
+        __m128 t;
+    } fixedZ = {_mm_setzero_si128(), _mm_setzero_si128(), _mm_setzero_ps()};
+
+    // Taps, fractions and blend of the four points in c01, c23. Clamped
+    // takes outside lanes' indices into the box, as ownLinearIndex4 does, and
+    // gives inside points min(trunc(c), top), the scalar rule's index; points
+    // below hi need neither clamp. With fixed a std::true_type the z tap is
+    // fixedZ's.
+    auto blend = [&](bool clamped, auto fixed) VEKR_ALWAYS_INLINE {
+        constexpr bool kFixedZ = decltype(fixed)::value;
+        __m128 t[3] = {_mm_setzero_ps(), _mm_setzero_ps(), _mm_setzero_ps()};
+        __m128i idx[3] = {_mm_setzero_si128(), _mm_setzero_si128(), _mm_setzero_si128()};
+#pragma GCC unroll 3
+        for (int ax = 0; ax < (kFixedZ ? 2 : Dims); ++ax) {
+            __m128d p01 = c01[ax], p23 = c23[ax];
+            if (clamped) {
+                p01 = _mm_min_pd(_mm_max_pd(p01, lo[ax]), top[ax]);
+                p23 = _mm_min_pd(_mm_max_pd(p23, lo[ax]), top[ax]);
+            }
+            const __m128i i01 = _mm_cvttpd_epi32(p01), i23 = _mm_cvttpd_epi32(p23);
+            const __m128d f01 = _mm_sub_pd(c01[ax], _mm_cvtepi32_pd(i01));
+            const __m128d f23 = _mm_sub_pd(c23[ax], _mm_cvtepi32_pd(i23));
+            t[ax] = _mm_movelh_ps(_mm_cvtpd_ps(f01), _mm_cvtpd_ps(f23));
+            idx[ax] = _mm_unpacklo_epi64(i01, i23);
+        }
+        __m128i off;
+        if (kFixedZ) {
+            t[2] = fixedZ.t;
+            idx[2] = fixedZ.iz;
+            off = _mm_add_epi32(ownTapOffsets<T>(idx[0], idx[1], k.step), fixedZ.planeOff);
+        } else {
+            off = ownLaneOffsets<T, Dims, EvenPlanes>(k, idx[0], idx[1], idx[2]);
+        }
+        return ownBlendLinearLanes<T, Dims, EvenPlanes>(k, off, idx[2], t[0], t[1], t[2]);
+    };
+    const std::false_type kVaryingZ;
+    auto insideMask = [&]() VEKR_ALWAYS_INLINE {
+        __m128d in01 = _mm_castsi128_pd(_mm_set1_epi32(-1)), in23 = in01;
+#pragma GCC unroll 3
+        for (int ax = 0; ax < Dims; ++ax) {
+            in01 = _mm_and_pd(in01, _mm_and_pd(_mm_cmpge_pd(c01[ax], lo[ax]), _mm_cmple_pd(c01[ax], hi[ax])));
+            in23 = _mm_and_pd(in23, _mm_and_pd(_mm_cmpge_pd(c23[ax], lo[ax]), _mm_cmple_pd(c23[ax], hi[ax])));
+        }
+        return _mm_movemask_pd(in01) | (_mm_movemask_pd(in23) << 2);
+    };
+
+    int i = 0;
+    // Before the run: the full test, until a group holds an inside point.
+    for (; i < a.count; i += 4) {
+        walk.next(c01, c23);
+        const int mask = insideMask();
+        if (mask == 0) continue;
+        ownStoreLanes(a.pDst + i, blend(true, kVaryingZ), mask);
+        if (!(mask & 8)) return;  // the run ended in this group
+        i += 4;
+        break;
+    }
+    // In the run.
+    int sure = i;
+    if (i < a.count) {
+        double c[3], d[3];
+        walk.point(c);
+        walk.deltas(d);
+        sure += ownWarpSurelyInside(c, d, box, Dims, a.count - i);
+    }
+    if (Dims == 3 && walk.dz == 0 && i + 4 <= sure) {
+        // z stands still along the row (the inverse map keeps x out of z):
+        // after the first addition of the step (+0 or -0) every point has
+        // the walk's current z, so its tap is found once.
+        const double z = walk.z;
+        const int iz = static_cast<int>(z);
+        fixedZ.iz = _mm_set1_epi32(iz);
+        fixedZ.planeOff = _mm_set1_epi32(EvenPlanes ? static_cast<int>(iz * k.planeStep) : 0);
+        fixedZ.t = _mm_set1_ps(static_cast<float>(z - static_cast<double>(iz)));
+        for (; i + 4 <= sure; i += 4) {
+            walk.nextXy(c01, c23);
+            ownStoreInterp4(a.pDst + i, blend(false, std::true_type()));
+        }
+    }
+    for (; i + 4 <= sure; i += 4) {
+        walk.next(c01, c23);
+        ownStoreInterp4(a.pDst + i, blend(false, kVaryingZ));
+    }
+    // Lane 0 follows an inside point.
+    for (; i < a.count; i += 4) {
+        walk.next(c01, c23);
+        const __m128d inXy = _mm_and_pd(_mm_cmpge_pd(walk.lastXy, loXy), _mm_cmple_pd(walk.lastXy, hiXy));
+        const bool lastInside =
+            _mm_movemask_pd(inXy) == 3 && (Dims == 2 || (walk.lastZ >= box.lo[2] && walk.lastZ <= box.hi[2]));
+        if (!lastInside) {
+            ownStoreLanes(a.pDst + i, blend(true, kVaryingZ), insideMask());
+            return;
+        }
+        ownStoreInterp4(a.pDst + i, blend(true, kVaryingZ));
+    }
+}
+template <class T, int Dims>
+void ownWarpRowLinearSse(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
+    if (s.evenPlanes)
+        ownWarpRowLinearLanes<T, Dims, true>(s, a);
+    else
+        ownWarpRowLinearLanes<T, Dims, false>(s, a);
+}
+
+template <class T, int Dims, int Code, bool Sse>
+void ownWarpRowCubic(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
+    const OwnCubicKernel& k = ownCubicKernel(Code);
+    ownWarpWalk<T, Dims>(s, a, [&](const double* c) {
+        return ownStoreInterp<T>(Sse ? ownSampleCubicSse<T, Dims>(s, k, c[0], c[1], c[2])
+                                     : ownSampleCubic<T, Dims>(s, k, c[0], c[1], c[2]));
+    });
+}
+
+template <class T, int Dims, bool Sse>
+struct OwnWarpKernels {
+    static constexpr OwnWarpRowFn<T> table[8] = {
+        nullptr,
+        ownWarpRowNearest<T, Dims>,
+        Sse ? ownWarpRowLinearSse<T, Dims> : ownWarpRowLinear<T, Dims>,
+        nullptr,
+        ownWarpRowCubic<T, Dims, vekrInterCubic, Sse>,
+        ownWarpRowCubic<T, Dims, vekrInterCubicBSpline, Sse>,
+        ownWarpRowCubic<T, Dims, vekrInterCubicCatmullRom, Sse>,
+        ownWarpRowCubic<T, Dims, vekrInterCubicB05C03, Sse>,
+    };
+};
+
+// Exported entry points realign the stack on i386: a caller built for the
+// older 4-byte stack alignment must not break the aligned SSE spills of the
+// kernels.
+#if defined(__i386__)
+#define VEKR_REALIGN_STACK __attribute__((force_align_arg_pointer))
+#else
+#define VEKR_REALIGN_STACK
+#endif
+
+// ---------------------------------------------------------------------------
+// Path choice
+// ---------------------------------------------------------------------------
+
+// The vector-path condition of a remap: every destination and map plane on
+// a 16-byte boundary, both row steps multiples of 16 bytes and rows a
+// multiple of 4 voxels; and a source the SSE blend can address (a box wider
+// than one voxel, since it reads the x taps as adjacent pairs, and offsets
+// that fit its 16-bit multiply-add: see ownLinearSseFits).
+template <class T>
+inline bool ownRemapUsesSse(T* const pDst[], const float* const* const maps[], int numMaps, int dstStep, int mapStep,
+                            VekrVolume dst, const OwnSource<T>& src) {
+    if (!ownIsMultipleOf4(dst.width) || (dstStep & 15) || (mapStep & 15) || !ownLinearSseFits(src)) return false;
+    for (int z = 0; z < dst.depth; ++z) {
+        if (!ownIsAligned16(pDst[z])) return false;
+        for (int m = 0; m < numMaps; ++m)
+            if (!ownIsAligned16(maps[m][z])) return false;
+    }
+    return true;
+}
+
+// The vector-path condition of a warp: every destination row of the box
+// starts on a 16-byte boundary, the box is a multiple of 4 voxels wide, and
+// the SSE blend can address the source (ownLinearSseFits).
+template <class T>
+inline bool ownWarpUsesSse(T* const pDst[], int dstStep, const VekrCuboid& box, const OwnSource<T>& src) {
+    if (!ownIsMultipleOf4(box.width) || (dstStep & 15) || !ownLinearSseFits(src)) return false;
+    for (int z = box.z; z < box.z + box.depth; ++z)
+        if (!ownIsAligned16(pDst[z] + box.x)) return false;
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Row walk over a destination
+// ---------------------------------------------------------------------------
+
+// Calls row(z, y) for every plane z < numPlanes and row y < numRows. With
+// more than one thread the rows, taken plane after plane, are split into
+// contiguous static blocks; every row is computed from its own start, so the
+// result does not depend on the split.
+template <class RowFn>
+void ownForEachRow_MT(int numPlanes, int numRows, int numThreads, const RowFn& row) {
+    const long long total = static_cast<long long>(numPlanes) * numRows;
+    if (numThreads > 1) {
+#pragma omp parallel for num_threads(numThreads) schedule(static)
+        for (long long r = 0; r < total; ++r) row(static_cast<int>(r / numRows), static_cast<int>(r % numRows));
+    } else {
+        for (int z = 0; z < numPlanes; ++z)
+            for (int y = 0; y < numRows; ++y) row(z, y);
+    }
+}
+
+// The thread count of a volume operation: the library's count when the
+// destination exceeds 15 voxels in every axis, otherwise 1.
+inline int ownVolumeThreads(int width, int height, int depth) {
+    if (width > 15 && height > 15 && depth > 15) {
+        const int n = ownGetNumThreads();
+        return n > 1 ? n : 1;
+    }
+    return 1;
+}
+
+// The walk of a warp over the inclusive destination box [x0, x0 + width) x
+// [y0, y0 + height) x [z0, z0 + depth) of the planes pDst. inv is the inverse
+// map (3 x 4, row-major). The start of each row is formed from its plane and
+// row terms, ((inv[r][2] z + inv[r][3]) + inv[r][1] y) + inv[r][0] x0, and the
+// kernel then adds inv[r][0] per voxel.
+template <class T>
+void ownWarpBox(const OwnSource<T>& src, OwnWarpRowFn<T> kernel, const double inv[3][4], T* const pDst[], int dstStep,
+                const VekrCuboid& dstVoi, int numThreads) {
+    ownForEachRow_MT(dstVoi.depth, dstVoi.height, numThreads, [&](int zi, int yi) {
+        const double z = dstVoi.z + zi, y = dstVoi.y + yi, x0 = dstVoi.x;
+        OwnWarpRowArgs<T> row;
+        row.pDst = ownOffsetRow(pDst[dstVoi.z + zi], dstVoi.y + yi, dstStep) + dstVoi.x;
+        for (int r = 0; r < 3; ++r) {
+            const double planeTerm = inv[r][2] * z + inv[r][3];
+            const double rowTerm = planeTerm + inv[r][1] * y;
+            row.start[r] = rowTerm + inv[r][0] * x0;
+            row.delta[r] = inv[r][0];
+        }
+        row.count = dstVoi.width;
+        kernel(src, row);
+    });
+}
+
+}  // namespace vekr
+
+#endif  // VEKR_VOLUME_REMAP_KERNELS_H
