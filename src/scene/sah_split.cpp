@@ -343,7 +343,7 @@ void ownFilterList(const std::uint32_t* key, const std::uint32_t* index, int len
 
 // One axis of a split.
 void ownAxisEventsSplit(const OwnEventStore& st, int buffer, int a, std::int64_t base, int n, int m,
-                        const OwnTriEntry* e, int nl, int* pLowerM, int* pUpperM) {
+                        const OwnTriEntry* e, int nl, int ns, int* pLowerM, int* pUpperM) {
     const std::int32_t* li = st.pLowerIndex;
     const std::int32_t* ui = st.pUpperIndex;
     const std::int32_t* side = st.pSide;
@@ -354,8 +354,7 @@ void ownAxisEventsSplit(const OwnEventStore& st, int buffer, int a, std::int64_t
     // parent order so their new indices ascend in each list, then sorted.
     std::uint64_t* const* x = st.pScratch;
     int cnt[6] = {0, 0, 0, 0, 0, 0};
-    for (int i = 0; i < n; ++i) {
-        if (side[i] >= 0) continue;
+    for (int i = 0; i < ns; ++i) {
         for (int up = 0; up < 2; ++up) {
             const int idx = up == 0 ? li[i] : ui[i];
             const OwnTriEntry& c = e[up == 0 ? idx : nl + idx];
@@ -425,12 +424,11 @@ void ownEventsInit(const OwnEventStore& st, const OwnTriEntry* pEntries, int n, 
 }
 
 void ownEventsSplit(const OwnEventStore& st, int buffer, std::int64_t base, int n, const int numExtended[3],
-                    const OwnTriEntry* pEntries, int numLower, int numUpper, int lowerExtended[3],
+                    const OwnTriEntry* pEntries, int numLower, int numStraddlers, int lowerExtended[3],
                     int upperExtended[3]) {
-    (void)numUpper;
     for (int a = 0; a < 3; ++a)
-        ownAxisEventsSplit(st, buffer, a, base, n, numExtended[a], pEntries, numLower, &lowerExtended[a],
-                           &upperExtended[a]);
+        ownAxisEventsSplit(st, buffer, a, base, n, numExtended[a], pEntries, numLower, numStraddlers,
+                           &lowerExtended[a], &upperExtended[a]);
 }
 
 }  // namespace vekr

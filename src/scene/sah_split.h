@@ -69,8 +69,10 @@ struct OwnEventStore {
     std::uint32_t* pEndKey[2][3];  // ends
     std::uint32_t* pEndIndex[2][3];
     std::uint64_t* pScratch[7];    // (key << 32 | index) items being sorted
-    std::int32_t* pLowerIndex;     // per parent entry: its index in the lower child, or -1
-    std::int32_t* pUpperIndex;     // the same for the upper child
+    // Per straddling parent entry, in parent order: its index in the lower
+    // child and in the upper child.
+    std::int32_t* pLowerIndex;
+    std::int32_t* pUpperIndex;
     // Per parent entry on one side only: its index in that child, with bit 30
     // set for the upper child; -1 for an entry that goes to both.
     std::int32_t* pSide;
@@ -83,13 +85,13 @@ void ownEventsInit(const OwnEventStore& st, const OwnTriEntry* pEntries, int n, 
 // The candidate lists of both children after a split of the node at `base`
 // with n entries whose lists are in `buffer`; the children's go to the other
 // buffer. pEntries points to the children's entries (lower first, then
-// upper, from `base`); pLowerIndex, pUpperIndex and pSide map the parent's
-// entries. Items of triangles wholly on one side keep their order (their
-// extents are unchanged); the re-trimmed straddling triangles are sorted
-// apart and merged in, so no node's lists are ever sorted from scratch
-// (Wald and Havran 2006).
+// upper, from `base`); pSide maps the parent's entries, and pLowerIndex and
+// pUpperIndex its numStraddlers straddling ones. Items of triangles wholly
+// on one side keep their order (their extents are unchanged); the re-trimmed
+// straddling triangles are sorted apart and merged in, so no node's lists
+// are ever sorted from scratch (Wald and Havran 2006).
 void ownEventsSplit(const OwnEventStore& st, int buffer, std::int64_t base, int n, const int numExtended[3],
-                    const OwnTriEntry* pEntries, int numLower, int numUpper, int lowerExtended[3],
+                    const OwnTriEntry* pEntries, int numLower, int numStraddlers, int lowerExtended[3],
                     int upperExtended[3]);
 
 }  // namespace vekr
