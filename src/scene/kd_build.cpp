@@ -223,96 +223,124 @@ inline float ownFloatUp(double d) {
     return static_cast<double>(f) < d ? ownFloatAbove(f) : f;
 }
 
-// Extent of the part of triangle (v0, v1, v2) inside the box [lo, hi]
-// (Sutherland-Hodgman clipping in double precision, each crossing point set
-// exactly onto its plane). Returns false when no part lies inside. The
-// result is rounded outwards and kept inside the box. Bit 2a (2a + 1) of
-// `planes` enables the lower (upper) face of axis a; faces left out must not
-// cut the triangle's part inside the others.
-bool ownClipTriangle(const float* v0, const float* v1, const float* v2, const float lo[3], const float hi[3],
-                     float outLo[3], float outHi[3], unsigned planes = 63u) {
-    double poly[2][12][3];
-    int n = 3;
-    for (int a = 0; a < 3; ++a) {
-        poly[0][0][a] = v0[a];
-        poly[0][1][a] = v1[a];
-        poly[0][2][a] = v2[a];
+// Sutherland-Hodgman clipping in double precision. A polygon of up to 9
+// vertices (a triangle cut by six planes) is kept in one of a few buffers.
+struct OwnPolygon {
+    double v[12][3];
+};
+
+// Cuts the n-vertex polygon `in` by one face of a box: the half-space
+// x[a] >= plane (side 0) or x[a] <= plane (side 1). Each crossing point is
+// set exactly onto the plane. Returns the polygon that remains: `in` itself
+// when every vertex is inside (no copy), else `out` with *pN updated (0 when
+// nothing remains).
+const OwnPolygon* ownClipPlane(const OwnPolygon* in, OwnPolygon* out, int* pN, int a, int side, double plane) {
+    const int n = *pN;
+    // Signed distance inside the half-space, once per vertex: >= 0 keeps the
+    // point.
+    double dist[12];
+    bool allIn = true;
+    for (int i = 0; i < n; ++i) {
+        dist[i] = side == 0 ? in->v[i][a] - plane : plane - in->v[i][a];
+        allIn &= dist[i] >= 0.0;
     }
-    int cur = 0;
-    for (int a = 0; a < 3; ++a) {
-        for (int side = 0; side < 2; ++side) {
-            if (!(planes & (1u << (2 * a + side)))) continue;
-            const double plane = side == 0 ? lo[a] : hi[a];
-            // Signed distance inside the half-space, once per vertex: >= 0
-            // keeps the point.
-            double dist[12];
-            bool allIn = true;
-            for (int i = 0; i < n; ++i) {
-                dist[i] = side == 0 ? poly[cur][i][a] - plane : plane - poly[cur][i][a];
-                allIn &= dist[i] >= 0.0;
-            }
-            if (allIn) continue;
-            const int nxt = cur ^ 1;
-            int m = 0;
-            for (int i = 0; i < n; ++i) {
-                const int iq = i + 1 == n ? 0 : i + 1;
-                const double* p = poly[cur][i];
-                const double* q = poly[cur][iq];
-                const double dp = dist[i], dq = dist[iq];
-                if (dp >= 0.0) {
-                    for (int c = 0; c < 3; ++c) poly[nxt][m][c] = p[c];
-                    ++m;
-                }
-                if ((dp >= 0.0) != (dq >= 0.0)) {
-                    const double t = dp / (dp - dq);
-                    for (int c = 0; c < 3; ++c) poly[nxt][m][c] = p[c] + t * (q[c] - p[c]);
-                    poly[nxt][m][a] = plane;
-                    ++m;
-                }
-            }
-            n = m;
-            cur = nxt;
-            if (n == 0) return false;
+    if (allIn) return in;
+    int m = 0;
+    for (int i = 0; i < n; ++i) {
+        const int iq = i + 1 == n ? 0 : i + 1;
+        const double* p = in->v[i];
+        const double* q = in->v[iq];
+        const double dp = dist[i], dq = dist[iq];
+        if (dp >= 0.0) {
+            for (int c = 0; c < 3; ++c) out->v[m][c] = p[c];
+            ++m;
+        }
+        if ((dp >= 0.0) != (dq >= 0.0)) {
+            const double t = dp / (dp - dq);
+            for (int c = 0; c < 3; ++c) out->v[m][c] = p[c] + t * (q[c] - p[c]);
+            out->v[m][a] = plane;
+            ++m;
         }
     }
+    *pN = m;
+    return out;
+}
+
+// Cuts the polygon by the enabled faces of axes [a0, a1) of the box [lo, hi],
+// in the order lower face, upper face, axis by axis; bit 2a (2a + 1) of
+// `planes` enables the lower (upper) face of axis a. The two scratch buffers
+// take turns; returns the remaining polygon (*pN = 0 when none remains).
+const OwnPolygon* ownClipAxes(const OwnPolygon* poly, OwnPolygon scratch[2], int* pN, const float lo[3],
+                              const float hi[3], unsigned planes, int a0, int a1) {
+    for (int a = a0; a < a1 && *pN > 0; ++a)
+        for (int side = 0; side < 2 && *pN > 0; ++side) {
+            if (!(planes & (1u << (2 * a + side)))) continue;
+            OwnPolygon* out = poly == &scratch[0] ? &scratch[1] : &scratch[0];
+            poly = ownClipPlane(poly, out, pN, a, side, side == 0 ? lo[a] : hi[a]);
+        }
+    return poly;
+}
+
+// The extent of a clipped polygon, rounded outwards and kept inside the box.
+void ownPolygonExtent(const OwnPolygon* poly, int n, const float lo[3], const float hi[3], float outLo[3],
+                      float outHi[3]) {
     for (int a = 0; a < 3; ++a) {
-        double mn = poly[cur][0][a], mx = mn;
+        double mn = poly->v[0][a], mx = mn;
         for (int i = 1; i < n; ++i) {
-            mn = std::min(mn, poly[cur][i][a]);
-            mx = std::max(mx, poly[cur][i][a]);
+            mn = std::min(mn, poly->v[i][a]);
+            mx = std::max(mx, poly->v[i][a]);
         }
         outLo[a] = ownCanonical(ownClamp(ownFloatDown(mn), lo[a], hi[a]));
         outHi[a] = ownCanonical(ownClamp(ownFloatUp(mx), lo[a], hi[a]));
     }
+}
+
+void ownLoadTriangle(OwnPolygon* poly, const float* v0, const float* v1, const float* v2) {
+    for (int a = 0; a < 3; ++a) {
+        poly->v[0][a] = v0[a];
+        poly->v[1][a] = v1[a];
+        poly->v[2][a] = v2[a];
+    }
+}
+
+// Extent of the part of triangle (v0, v1, v2) inside the box [lo, hi].
+// Returns false when no part lies inside. Faces left out of `planes` must not
+// cut the triangle's part inside the others.
+bool ownClipTriangle(const float* v0, const float* v1, const float* v2, const float lo[3], const float hi[3],
+                     float outLo[3], float outHi[3], unsigned planes = 63u) {
+    OwnPolygon tri, scratch[2];
+    ownLoadTriangle(&tri, v0, v1, v2);
+    int n = 3;
+    const OwnPolygon* poly = ownClipAxes(&tri, scratch, &n, lo, hi, planes, 0, 3);
+    if (n == 0) return false;
+    ownPolygonExtent(poly, n, lo, hi, outLo, outHi);
     return true;
 }
 
-// The entry for the part of its triangle inside the child box [lo, hi]. The
-// triangle straddles the split plane, so its extent is recomputed by clipping
-// it against the child's box: this trims it on every axis, not only the split
-// axis, which keeps child boxes and later empty-space cuts tight. Should the
-// clip come out empty through rounding (the triangle only touches the box),
-// the old extent cut to the box is kept, so the child count always matches
-// the search's prediction.
-void ownTrimEntry(OwnTriEntry& e, const float* pVertices, const int* pTriangles, const float lo[3],
-                  const float hi[3]) {
-    const int* tri = pTriangles + 4 * static_cast<std::ptrdiff_t>(vekr::ownEntryTriangle(e));
-    // Only faces that the old extent reaches can cut the triangle's part in
-    // the child box: where the extent lies strictly inside a face, the part
-    // inside the parent box does not meet that face, and by convexity
-    // neither does any part inside the other faces.
+// The faces of the child box [lo, hi] that can cut the part of a triangle
+// whose current extent is e: only faces that the extent reaches. Where the
+// extent lies strictly inside a face, the part inside the parent box does not
+// meet that face, and by convexity neither does any part inside the others.
+unsigned ownCuttingFaces(const OwnTriEntry& e, const float lo[3], const float hi[3]) {
     unsigned planes = 0;
     for (int a = 0; a < 3; ++a) {
         if (!(e.lo[a] > lo[a])) planes |= 1u << (2 * a);
         if (!(e.hi[a] < hi[a])) planes |= 2u << (2 * a);
     }
-    float nlo[3], nhi[3];
-    if (ownClipTriangle(pVertices + 3 * static_cast<std::ptrdiff_t>(tri[0]),
-                        pVertices + 3 * static_cast<std::ptrdiff_t>(tri[1]),
-                        pVertices + 3 * static_cast<std::ptrdiff_t>(tri[2]), lo, hi, nlo, nhi, planes)) {
+    return planes;
+}
+
+// The entry for the part of its triangle inside a child box [lo, hi], given
+// the clipped polygon of that part (n = 0: nothing left through rounding, the
+// triangle only touches the box). Never wider than before (the old extent
+// already covered the part); should rounding leave no overlap on an axis, or
+// no part at all, the old extent cut to the box is kept, so the child count
+// always matches the search's prediction.
+void ownFinishTrim(OwnTriEntry& e, const OwnPolygon* poly, int n, const float lo[3], const float hi[3]) {
+    if (n > 0) {
+        float nlo[3], nhi[3];
+        ownPolygonExtent(poly, n, lo, hi, nlo, nhi);
         for (int a = 0; a < 3; ++a) {
-            // Never wider than before (the old extent already covered the
-            // part); should rounding leave no overlap, keep the old extent.
             const float l = std::max(nlo[a], e.lo[a]), h = std::min(nhi[a], e.hi[a]);
             if (l <= h) {
                 e.lo[a] = l;
@@ -324,6 +352,39 @@ void ownTrimEntry(OwnTriEntry& e, const float* pVertices, const int* pTriangles,
         e.lo[a] = ownClamp(e.lo[a], lo[a], hi[a]);
         e.hi[a] = ownClamp(e.hi[a], lo[a], hi[a]);
     }
+}
+
+// The entries for the two parts of a triangle that straddles the plane of a
+// split on axis `a` between the child boxes [lo, hiL] and [loU, hi] (equal
+// but for the split axis). Its extent is recomputed by clipping it against
+// each child's box: this trims it on every axis, not only the split axis,
+// which keeps child boxes and later empty-space cuts tight. The two boxes
+// share their faces on the axes before `a`, and so do the faces that can cut
+// the triangle there, so that common first part of the clipping is done once
+// for both children; the rest follows each child's own faces in the same
+// order as a clip against that child's box alone.
+void ownTrimStraddler(const OwnTriEntry& e, const float* pVertices, const int* pTriangles, int a,
+                      const float loL[3], const float hiL[3], const float loU[3], const float hiU[3],
+                      OwnTriEntry* pLower, OwnTriEntry* pUpper) {
+    const int* tri = pTriangles + 4 * static_cast<std::ptrdiff_t>(vekr::ownEntryTriangle(e));
+    // The faces of the parent box [loL, hiU] serve both children but on the
+    // split plane, which the straddler reaches from either side.
+    const unsigned facesParent = ownCuttingFaces(e, loL, hiU);
+    const unsigned facesL = facesParent | (2u << (2 * a));
+    const unsigned facesU = facesParent | (1u << (2 * a));
+    OwnPolygon tri3, common[2], partL[2], partU[2];
+    ownLoadTriangle(&tri3, pVertices + 3 * static_cast<std::ptrdiff_t>(tri[0]),
+                    pVertices + 3 * static_cast<std::ptrdiff_t>(tri[1]),
+                    pVertices + 3 * static_cast<std::ptrdiff_t>(tri[2]));
+    int n = 3;
+    const OwnPolygon* shared = ownClipAxes(&tri3, common, &n, loL, hiL, facesL, 0, a);
+    int nl = n, nu = n;
+    const OwnPolygon* polyL = ownClipAxes(shared, partL, &nl, loL, hiL, facesL, a, 3);
+    const OwnPolygon* polyU = ownClipAxes(shared, partU, &nu, loU, hiU, facesU, a, 3);
+    *pLower = e;
+    *pUpper = e;
+    ownFinishTrim(*pLower, polyL, nl, loL, hiL);
+    ownFinishTrim(*pUpper, polyU, nu, loU, hiU);
 }
 
 // The root's entries. Without a clip box each triangle's extent is the box of
@@ -487,9 +548,8 @@ VekStatus ownSubdivide(OwnBuild& b, const float* pVertices, const int* pTriangle
                 li[ns] = nl;
                 ui[ns] = nu;
                 ++ns;
-                OwnTriEntry tl = t, tu = t;
-                ownTrimEntry(tl, pVertices, pTriangles, lower.lo, lower.hi);
-                ownTrimEntry(tu, pVertices, pTriangles, upper.lo, upper.hi);
+                OwnTriEntry tl, tu;
+                ownTrimStraddler(t, pVertices, pTriangles, a, lower.lo, lower.hi, upper.lo, upper.hi, &tl, &tu);
                 e[nl++] = tl;
                 up[nu++] = tu;
             } else if (toLower) {
@@ -628,7 +688,7 @@ VekStatus ownOptimizationPSAH(VekrKDTreeNode** ppTree, const float* pVertices, c
         for (int k = 0; k < 2 && ok; ++k)
             for (std::uint32_t** pp : {&ev.pKey[k][a], &ev.pIndex[k][a], &ev.pEndKey[k][a], &ev.pEndIndex[k][a]})
                 ok = ok && (*pp = ownAllocArray<std::uint32_t>(b->entryCapacity)) != nullptr;
-    for (int i = 0; i < 7 && ok; ++i) ok = (ev.pScratch[i] = ownAllocArray<std::uint64_t>(nt)) != nullptr;
+    for (int i = 0; i < 7 && ok; ++i) ok = (ev.pScratch[i] = ownAllocArray<std::uint64_t>(nt + 1)) != nullptr;
     ok = ok && (ev.pLowerIndex = ownAllocArray<std::int32_t>(nt)) != nullptr &&
          (ev.pUpperIndex = ownAllocArray<std::int32_t>(nt)) != nullptr &&
          (ev.pSide = ownAllocArray<std::int32_t>(nt)) != nullptr;

@@ -35,6 +35,10 @@ inline std::uint64_t ownItem(float f, int index) {
 }
 inline std::uint32_t ownItemKey(std::uint64_t item) { return static_cast<std::uint32_t>(item >> 32); }
 
+// Closes a sorted run of straddler items: above every real item, whose index
+// part stays below 2^30.
+constexpr std::uint64_t kSentinel = ~static_cast<std::uint64_t>(0);
+
 // Ascending sort of n items whose indices already ascend (so sorting by key
 // alone with a stable sort gives the (key, index) order); returns the buffer
 // that holds the result (p or tmp). Short lists go to an insertion sort or
@@ -108,42 +112,37 @@ struct OwnAxisResult {
 // a triangle counts below when it starts strictly below x and above when it
 // ends strictly above x. Triangles flat at x are tried on either side, the
 // upper side first; a side or position replaces the best only when it is
-// strictly cheaper, so the first minimum wins. (kPlanar = false is the same
-// loop without the planar list, the common case.)
+// strictly cheaper, so the first minimum wins.
 // Pricing in-plane triangles on both sides (Wald and Havran's rule) puts
 // them where they add the least cost, so a plane through a flat cluster
 // (a wall, a floor) can cut it off cleanly from either side; and the largest
 // end is a candidate too, so gaps narrower than the empty-space margin can
 // still be cut off when that pays.
-template <bool kPlanar>
-double ownSweep(const std::uint32_t* S, const std::uint32_t* E, const std::uint32_t* P, int m, int p, float la,
-                float ha, double K, OwnAxisResult* r) {
+double ownSweepPlanar(const std::uint32_t* S, const std::uint32_t* E, const std::uint32_t* P, int m, int p, float la,
+                      float ha, double K, OwnAxisResult* r) {
     double best = 0.0;
     bool have = false;
     int i = 0, j = 0, k = 0;
     // Every end lies above its own start, so the loop ends with the last end
     // (or the last planar value).
-    while (j < m || (kPlanar && k < p)) {
+    while (j < m || k < p) {
         std::uint32_t xk = i < m ? S[i] : 0xFFFFFFFFu;
         if (j < m && E[j] < xk) xk = E[j];
-        if (kPlanar && k < p && P[k] < xk) xk = P[k];
+        if (k < p && P[k] < xk) xk = P[k];
         // Everything before i, j, k lies strictly below x.
         const int below = i + k;
         while (i < m && S[i] == xk) ++i;
         while (j < m && E[j] == xk) ++j;
-        int onPlane = 0;
-        if (kPlanar) {
-            const int k0 = k;
-            while (k < p && P[k] == xk) ++k;
-            onPlane = k - k0;
-        }
+        const int k0 = k;
+        while (k < p && P[k] == xk) ++k;
+        const int onPlane = k - k0;
         const int above = (m - j) + (p - k);
         const float x = ownKeyFloat(xk);
         const double wl = static_cast<double>(x - la) + K;
         const double wr = static_cast<double>(ha - x) + K;
         double cu = static_cast<double>(below) * wl + static_cast<double>(above + onPlane) * wr;
         int side = 1;
-        if (kPlanar && onPlane > 0) {
+        if (onPlane > 0) {
             const double cl = static_cast<double>(below + onPlane) * wl + static_cast<double>(above) * wr;
             if (cl < cu) {
                 cu = cl;
@@ -159,6 +158,61 @@ double ownSweep(const std::uint32_t* S, const std::uint32_t* E, const std::uint3
             r->planeSideUpper = side;
         }
     }
+    return best;
+}
+
+// The same sweep for an axis without planar triangles, the common case, in
+// two phases. While starts remain, the next position is the smaller of the
+// next start and the next end; some triangle then still starts at or above
+// the position and so ends above it, which bounds the skip over equal ends
+// without a count check. After the last start only ends remain, and every
+// triangle counts below. The first position is the smallest start, with
+// nothing below and everything above: it seeds the best, so the loops need
+// no "first candidate" test (seen again there, it prices the same and is
+// not strictly cheaper).
+double ownSweepExtended(const std::uint32_t* S, const std::uint32_t* E, int m, float la, float ha, double K,
+                        OwnAxisResult* r) {
+    if (m == 0) return 0.0;
+    auto price = [&](std::uint32_t xk, int below, int above) {
+        const float x = ownKeyFloat(xk);
+        const double wl = static_cast<double>(x - la) + K;
+        const double wr = static_cast<double>(ha - x) + K;
+        return static_cast<double>(below) * wl + static_cast<double>(above) * wr;
+    };
+    double best = price(S[0], 0, m);
+    std::uint32_t bestKey = S[0];
+    int bestBelow = 0, bestAbove = m;
+    auto offer = [&](std::uint32_t xk, int below, int above) {
+        const double cu = price(xk, below, above);
+        if (cu < best) {
+            best = cu;
+            bestKey = xk;
+            bestBelow = below;
+            bestAbove = above;
+        }
+    };
+    int i = 0, j = 0;
+    while (i < m) {
+        const std::uint32_t s = S[i], e = E[j];
+        const std::uint32_t xk = s < e ? s : e;
+        const int below = i;
+        if (s == xk) {
+            do ++i;
+            while (i < m && S[i] == xk);
+        }
+        while (E[j] == xk) ++j;
+        offer(xk, below, m - j);
+    }
+    while (j < m) {
+        const std::uint32_t xk = E[j];
+        do ++j;
+        while (j < m && E[j] == xk);
+        offer(xk, m, m - j);
+    }
+    r->pos = ownKeyFloat(bestKey);
+    r->numLower = bestBelow;
+    r->numUpper = bestAbove;
+    r->planeSideUpper = 1;
     return best;
 }
 
@@ -228,8 +282,8 @@ void ownSearchAxis(int a, const float lo[3], const float hi[3], double leafCost,
         return;
     }
 
-    r->cost = (eu + ev2) * (p > 0 ? ownSweep<true>(S, E, P, m, p, lo[a], hi[a], K, r)
-                                  : ownSweep<false>(S, E, P, m, p, lo[a], hi[a], K, r));
+    r->cost = (eu + ev2) * (p > 0 ? ownSweepPlanar(S, E, P, m, p, lo[a], hi[a], K, r)
+                                  : ownSweepExtended(S, E, m, lo[a], hi[a], K, r));
 }
 
 // The three axes of a small node, one after the other on the calling thread.
@@ -287,58 +341,76 @@ void ownAxisEventsInit(const OwnEventStore& st, int a, const OwnTriEntry* e, int
 }
 
 // One list of one axis of a split: the parent's list, read once, is filtered
-// into the two children's: each item of a one-sided entry is renumbered for
-// its child, and the straddlers' new items (sorted, in `strL` and `strU`) go
-// in front of the first larger item.
+// into the two children's, which lie in the same output arrays from
+// positions `startL` and `startU`. Each item of a one-sided entry is
+// renumbered for its child and keeps its place in the order (its extent is
+// unchanged); the straddlers' new items (sorted, in `strL` and `strU`, each
+// closed by a sentinel) go in front of the first larger item. Without
+// straddler items (kMerge = false) the loop is a plain filter.
+// Returns the end positions.
+template <bool kMerge>
 void ownFilterList(const std::uint32_t* key, const std::uint32_t* index, int len, const std::int32_t* side,
-                   const std::uint64_t* strL, int numStrL, const std::uint64_t* strU, int numStrU,
-                   std::uint32_t* keyL, std::uint32_t* indexL, std::uint32_t* keyU, std::uint32_t* indexU,
-                   int* pNumL, int* pNumU) {
+                   const std::uint64_t* strL, const std::uint64_t* strU, std::uint32_t* outKey,
+                   std::uint32_t* outIndex, int startL, int startU, int* pEndL, int* pEndU) {
     const std::uint64_t* sL = strL;
-    const std::uint64_t* const sLEnd = strL + numStrL;
     const std::uint64_t* sU = strU;
-    const std::uint64_t* const sUEnd = strU + numStrU;
-    int nL = 0, nU = 0;
+    // The keys of the next straddler item of each side, kept at hand: most
+    // items pass with one 32-bit comparison.
+    std::uint32_t nextL = ownItemKey(*sL), nextU = ownItemKey(*sU);
+    int posL = startL, posU = startU;
     for (int k = 0; k < len; ++k) {
         const std::int32_t code = side[index[k]];
         if (code < 0) continue;
         const std::uint32_t kk = key[k];
         const std::uint32_t ni = static_cast<std::uint32_t>(code & 0x3FFFFFFF);
         const int u = code >> 30;
-        // Straddler items that sort before this one go first (they are few).
-        if (u ? sU != sUEnd : sL != sLEnd) {
+        // Straddler items that sort before this one go first. The keys
+        // decide but for ties, so the whole item is formed only when the
+        // next straddler's key does not lie above this one's.
+        if (kMerge && (u ? nextU : nextL) <= kk) {
             const std::uint64_t item = (static_cast<std::uint64_t>(kk) << 32) | ni;
             if (u) {
-                for (; sU != sUEnd && *sU < item; ++sU, ++nU) {
-                    keyU[nU] = ownItemKey(*sU);
-                    indexU[nU] = static_cast<std::uint32_t>(*sU);
+                for (; *sU < item; ++sU, ++posU) {
+                    outKey[posU] = ownItemKey(*sU);
+                    outIndex[posU] = static_cast<std::uint32_t>(*sU);
                 }
+                nextU = ownItemKey(*sU);
             } else {
-                for (; sL != sLEnd && *sL < item; ++sL, ++nL) {
-                    keyL[nL] = ownItemKey(*sL);
-                    indexL[nL] = static_cast<std::uint32_t>(*sL);
+                for (; *sL < item; ++sL, ++posL) {
+                    outKey[posL] = ownItemKey(*sL);
+                    outIndex[posL] = static_cast<std::uint32_t>(*sL);
                 }
+                nextL = ownItemKey(*sL);
             }
         }
-        // The side is data-dependent and unpredictable on the other axes:
-        // select the destination instead of branching on it.
-        std::uint32_t* dk = u ? keyU + nU : keyL + nL;
-        std::uint32_t* di = u ? indexU + nU : indexL + nL;
-        *dk = kk;
-        *di = ni;
-        nU += u;
-        nL += 1 - u;
+        const int at = u ? posU : posL;
+        outKey[at] = kk;
+        outIndex[at] = ni;
+        posU += u;
+        posL += 1 - u;
     }
-    for (; sL != sLEnd; ++sL, ++nL) {
-        keyL[nL] = ownItemKey(*sL);
-        indexL[nL] = static_cast<std::uint32_t>(*sL);
+    if (kMerge) {
+        for (; *sL != kSentinel; ++sL, ++posL) {
+            outKey[posL] = ownItemKey(*sL);
+            outIndex[posL] = static_cast<std::uint32_t>(*sL);
+        }
+        for (; *sU != kSentinel; ++sU, ++posU) {
+            outKey[posU] = ownItemKey(*sU);
+            outIndex[posU] = static_cast<std::uint32_t>(*sU);
+        }
     }
-    for (; sU != sUEnd; ++sU, ++nU) {
-        keyU[nU] = ownItemKey(*sU);
-        indexU[nU] = static_cast<std::uint32_t>(*sU);
-    }
-    *pNumL = nL;
-    *pNumU = nU;
+    *pEndL = posL;
+    *pEndU = posU;
+}
+
+// The same, choosing the loop by whether there are straddler items.
+void ownFilterList(const std::uint32_t* key, const std::uint32_t* index, int len, const std::int32_t* side,
+                   const std::uint64_t* strL, const std::uint64_t* strU, std::uint32_t* outKey,
+                   std::uint32_t* outIndex, int startL, int startU, int* pEndL, int* pEndU) {
+    if (*strL == kSentinel && *strU == kSentinel)
+        ownFilterList<false>(key, index, len, side, strL, strU, outKey, outIndex, startL, startU, pEndL, pEndU);
+    else
+        ownFilterList<true>(key, index, len, side, strL, strU, outKey, outIndex, startL, startU, pEndL, pEndU);
 }
 
 // One axis of a split.
@@ -368,19 +440,23 @@ void ownAxisEventsSplit(const OwnEventStore& st, int buffer, int a, std::int64_t
             }
         }
     }
-    for (int slot = 0; slot < 6; ++slot) ownSortItemsInPlace(x[slot], x[6], cnt[slot]);
+    for (int slot = 0; slot < 6; ++slot) {
+        ownSortItemsInPlace(x[slot], x[6], cnt[slot]);
+        x[slot][cnt[slot]] = kSentinel;
+    }
 
+    // Starts and planar values share their arrays (each child's starts, then
+    // its planar values); the ends have their own.
     const std::uint32_t* K = st.pKey[buffer][a] + base;
     const std::uint32_t* I = st.pIndex[buffer][a] + base;
     std::uint32_t* oK = st.pKey[nb][a] + base;
     std::uint32_t* oI = st.pIndex[nb][a] + base;
     int mL, mU, eL, eU, pL, pU;
-    ownFilterList(K, I, m, side, x[0], cnt[0], x[3], cnt[3], oK, oI, oK + nl, oI + nl, &mL, &mU);
-    ownFilterList(st.pEndKey[buffer][a] + base, st.pEndIndex[buffer][a] + base, m, side, x[1], cnt[1], x[4], cnt[4],
-                  st.pEndKey[nb][a] + base, st.pEndIndex[nb][a] + base, st.pEndKey[nb][a] + base + nl,
-                  st.pEndIndex[nb][a] + base + nl, &eL, &eU);
-    ownFilterList(K + m, I + m, p, side, x[2], cnt[2], x[5], cnt[5], oK + mL, oI + mL, oK + nl + mU, oI + nl + mU,
-                  &pL, &pU);
+    ownFilterList(K, I, m, side, x[0], x[3], oK, oI, 0, nl, &mL, &mU);
+    mU -= nl;
+    ownFilterList(st.pEndKey[buffer][a] + base, st.pEndIndex[buffer][a] + base, m, side, x[1], x[4],
+                  st.pEndKey[nb][a] + base, st.pEndIndex[nb][a] + base, 0, nl, &eL, &eU);
+    ownFilterList(K + m, I + m, p, side, x[2], x[5], oK, oI, mL, nl + mU, &pL, &pU);
     *pLowerM = mL;
     *pUpperM = mU;
 }

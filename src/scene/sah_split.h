@@ -62,13 +62,14 @@ bool ownFindSplit(int n, const float lo[3], const float hi[3], float costFactor,
 // build's stack discipline. A split writes its children's lists into the
 // other buffer: every pending node lies below `base` in both, so the parent's
 // lists can be read while the children's are written, in one pass. The
-// scratch arrays hold as many items as the largest node.
+// scratch arrays hold one more item than the largest node (room for a
+// sentinel behind a sorted run).
 struct OwnEventStore {
     std::uint32_t* pKey[2][3];     // starts, then planar values: sort keys
     std::uint32_t* pIndex[2][3];   // ... and entry indices
     std::uint32_t* pEndKey[2][3];  // ends
     std::uint32_t* pEndIndex[2][3];
-    std::uint64_t* pScratch[7];    // (key << 32 | index) items being sorted
+    std::uint64_t* pScratch[7];    // (key << 32 | index) items being sorted, plus a sentinel
     // Per straddling parent entry, in parent order: its index in the lower
     // child and in the upper child.
     std::int32_t* pLowerIndex;
