@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "benchutil.h"
-#include "kdtree_inspect.h"
+#include "kdtree_view.h"
 #include "mesh.h"
 #include "vekcore.h"
 #include "vekr.h"

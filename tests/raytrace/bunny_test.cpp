@@ -4,7 +4,7 @@
 #include <cmath>
 #include <functional>
 
-#include "kdtree_inspect.h"
+#include "kdtree_view.h"
 #include "query_runner.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <limits>
 #include <vector>
 
-#include "kdtree_inspect.h"
+#include "kdtree_view.h"
 #include "mesh.h"
 #include "testutil.h"
 #include "vekcore.h"

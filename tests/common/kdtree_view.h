@@ -7,8 +7,8 @@
 //   EXPECT_TRUE(view.WellFormed(numTriangles));
 //   vt::KDTreeStats st = view.stats(sceneBox);
 //   for (const vt::KDLeaf& l : view.leavesAt(point, sceneBox)) ... l.triangles ...
-#ifndef VEKR_TESTS_KDTREE_INSPECT_H
-#define VEKR_TESTS_KDTREE_INSPECT_H
+#ifndef VEKR_TESTS_KDTREE_VIEW_H
+#define VEKR_TESTS_KDTREE_VIEW_H
 
 #include <gtest/gtest.h>
 
@@ -319,4 +319,4 @@ private:
 
 }  // namespace vt
 
-#endif  // VEKR_TESTS_KDTREE_INSPECT_H
+#endif  // VEKR_TESTS_KDTREE_VIEW_H
