@@ -5,7 +5,10 @@
 // multiple of 4 (the scalar path, where the operation has one), beside this
 // machine's memcpy bandwidth measured in the same run. Prints a markdown table.
 //
-// Usage: bench_shading [--quick]   (--quick: 1 Mi rays instead of 16 Mi)
+// Usage: bench_shading [--quick] [--small] [--only TEXT]...
+//   --quick: 1 Mi rays instead of 16 Mi for the memory-bound columns;
+//   --small: only the cache-resident columns (64 Ki and 1 Ki rays);
+//   --only TEXT: only the operations whose name contains TEXT (repeatable).
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -69,10 +72,30 @@ struct Op {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
+    bool quick = false, smallOnly = false;
+    std::vector<std::string> only;
+    for (int a = 1; a < argc; ++a) {
+        if (std::strcmp(argv[a], "--quick") == 0) {
+            quick = true;
+        } else if (std::strcmp(argv[a], "--small") == 0) {
+            smallOnly = true;
+        } else if (std::strcmp(argv[a], "--only") == 0 && a + 1 < argc) {
+            only.push_back(argv[++a]);
+        } else {
+            std::fprintf(stderr, "usage: %s [--quick] [--small] [--only TEXT]...\n", argv[0]);
+            return 2;
+        }
+    }
+    auto selected = [&](const char* name) {
+        if (only.empty()) return true;
+        for (const auto& t : only)
+            if (std::strstr(name, t.c_str()) != nullptr) return true;
+        return false;
+    };
     const int nTiny = 1024;
     const int nSmall = 64 * 1024;
-    const int nLarge = quick ? 1024 * 1024 : 16 * 1024 * 1024;
+    // --small still allocates a little more than 64 Ki rays for the triangle-normal pass.
+    const int nLarge = smallOnly ? nSmall : quick ? 1024 * 1024 : 16 * 1024 * 1024;
     const int numTable = 64 * 1024;  // triangles of the normal lookup tables
 
     // Twelve float arrays, three int arrays (mask, triangle index, the shadow
@@ -222,6 +245,7 @@ int main(int argc, char** argv) {
         big, big, big);
     std::printf("|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
     for (const Op& op : ops) {
+        if (!selected(op.name)) continue;
         // Rays per second of one case: the best time over a stretch of calls
         // (cache-resident) or of a few calls (memory-bound).
         auto rate = [&](int n, int shift, bool large) {
@@ -237,9 +261,9 @@ int main(int argc, char** argv) {
         // 1Ki rays stay in the first-level cache: the arithmetic alone.
         const double tinyVec = rate(nTiny, 0, false);
         const double tinyScalar = paths ? rate(nTiny - 1, 1, false) : 0;
-        const double copy = memcpyGBs();
-        const double largeVec = rate(nLarge, 0, true);
-        const double largeOff = paths ? rate(nLarge, 1, true) : 0;
+        const double copy = smallOnly ? 0 : memcpyGBs();
+        const double largeVec = smallOnly ? 0 : rate(nLarge, 0, true);
+        const double largeOff = paths && !smallOnly ? rate(nLarge, 1, true) : 0;
         const double gbs = largeVec * op.bytesPerRay / 1e9;
         auto mrays = [&](double r) {
             return paths || r > 0 ? std::to_string(static_cast<long>(r / 1e6 + 0.5)) : std::string("-");
@@ -247,10 +271,13 @@ int main(int argc, char** argv) {
         char speedup[32] = "-", tinySpeedup[32] = "-";
         if (paths) std::snprintf(speedup, sizeof speedup, "%.2fx", smallVec / smallScalar);
         if (paths) std::snprintf(tinySpeedup, sizeof tinySpeedup, "%.2fx", tinyVec / tinyScalar);
-        std::printf("| %s | %d | %s | %s | %s | %s | %s | %s | %s | %s | %s | %.1f | %.1f | %.0f%% |\n", op.name,
-                    op.bytesPerRay, mrays(smallVec).c_str(), mrays(smallOff).c_str(), mrays(smallScalar).c_str(),
-                    op.offsetRuns, op.scalarRuns, speedup, tinySpeedup, mrays(largeVec).c_str(),
-                    mrays(largeOff).c_str(), gbs, copy, 100.0 * gbs / copy);
+        char large[160] = "- | - | - | - | -";
+        if (!smallOnly)
+            std::snprintf(large, sizeof large, "%s | %s | %.1f | %.1f | %.0f%%", mrays(largeVec).c_str(),
+                          mrays(largeOff).c_str(), gbs, copy, 100.0 * gbs / copy);
+        std::printf("| %s | %d | %s | %s | %s | %s | %s | %s | %s | %s |\n", op.name, op.bytesPerRay,
+                    mrays(smallVec).c_str(), mrays(smallOff).c_str(), mrays(smallScalar).c_str(), op.offsetRuns,
+                    op.scalarRuns, speedup, tinySpeedup, large);
         std::fflush(stdout);
     }
     std::printf("\nRates in millions of rays per second (triangles for vekrTriangleNormal_32f). Peak RSS %.0f MiB.\n\n",

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Throughput of the ray-casting and shading operations for both targets, in one
-# run, as markdown. Usage: run.sh [x86-64 build dir] [i386 build dir] [--quick]
+# run, as markdown. Usage: run.sh [x86-64 build dir] [i386 build dir] [options]
+# (options go to bench_shading: --quick, --small, --only TEXT; see its source)
 set -euo pipefail
 b64=${1:-/work/main/build-x86_64}
 b32=${2:-/work/main/build-i386}

@@ -16,6 +16,10 @@
 // travels through the x87 stack, which would quieten a signalling NaN that the
 // kernels are meant to copy unchanged.
 #define OWN_LANE inline __attribute__((always_inline))
+// The same for the kernel lambdas that the loop helpers call: a kernel left
+// out of line would be called once per packet, its constants rebuilt and its
+// pointers reloaded every time.
+#define OWN_KERNEL __attribute__((always_inline))
 
 // Entry points that run SSE code realign their stack: an i386 caller is only
 // required to keep 4-byte alignment, and spilled __m128 values need 16.
@@ -35,6 +39,7 @@ OWN_LANE std::int32_t ownSelect(bool m, std::int32_t a, std::int32_t b) { return
 OWN_LANE bool ownAnd(bool a, bool b) { return a && b; }
 OWN_LANE bool ownOr(bool a, bool b) { return a || b; }
 OWN_LANE bool ownNot(bool a) { return !a; }
+OWN_LANE float ownNegateWhere(bool m, float x) { return m ? -x : x; }
 OWN_LANE float ownSqrt(float x) { return std::sqrt(x); }
 OWN_LANE float ownAbs(float x) { return std::fabs(x); }
 
@@ -77,6 +82,9 @@ OWN_LANE ownI4 ownSelect(ownM4 m, ownI4 a, ownI4 b) {
     const __m128i mi = _mm_castps_si128(m.v);
     return ownI4(_mm_or_si128(_mm_and_si128(mi, a.v), _mm_andnot_si128(mi, b.v)));
 }
+// -x where the mask holds, x elsewhere: a sign flip (two instructions instead
+// of the four of a select between two constants).
+OWN_LANE ownF4 ownNegateWhere(ownM4 m, ownF4 x) { return ownF4(_mm_xor_ps(x.v, _mm_and_ps(m.v, _mm_set1_ps(-0.0f)))); }
 // sqrtps is correctly rounded, like the scalar std::sqrt.
 OWN_LANE ownF4 ownSqrt(ownF4 x) { return ownF4(_mm_sqrt_ps(x.v)); }
 // Clears the sign bit, as fabs does.
@@ -108,6 +116,11 @@ struct ownLane1 {
     static OWN_LANE M nonNegative(I x) { return x >= 0; }
     // float(i), the position of the ray in its row.
     static OWN_LANE F index(int i) { return static_cast<float>(i); }
+    // The address of a gathered row: base + offset for t >= 0, else none.
+    template <class T>
+    static OWN_LANE T* pick(std::int32_t t, T* base, std::ptrdiff_t offset, T* none) {
+        return t >= 0 ? base + offset : none;
+    }
     // Three lanes (x, y, z) gathered from per-lane addresses g(k) of three
     // consecutive floats, k = 0 .. kWidth-1. The values are moved, not
     // computed with, so every bit pattern arrives unchanged.
@@ -156,22 +169,47 @@ struct ownLane4 {
     static OWN_LANE F index(int i) {
         return ownF4(_mm_cvtepi32_ps(_mm_add_epi32(_mm_set1_epi32(i), _mm_setr_epi32(0, 1, 2, 3))));
     }
-    // Each lane's (x, y, z) is read as one 8-byte and one 4-byte load (never
-    // past the third float), and the four rows are transposed into x, y, z lanes.
+    // The address of a gathered row: base + offset for t >= 0, else none.
+    // The compiler knows that `none` holds zeros and would turn the choice
+    // into a branch around scalar loads whose values it then moves through
+    // integer registers; the empty asm hides where p points, so each lane is
+    // loaded straight into SSE registers from one address. (A conditional
+    // move in place of the short branch that remains measured slower: it puts
+    // the index load in front of every gather load.) The address of a miss is
+    // formed as an integer, never as an out-of-range pointer, and is not read.
+    template <class T>
+    static OWN_LANE T* pick(std::int32_t t, T* base, std::ptrdiff_t offset, T* none) {
+        const std::uintptr_t a =
+            reinterpret_cast<std::uintptr_t>(base) + static_cast<std::uintptr_t>(offset) * sizeof(T);
+        std::uintptr_t p = t >= 0 ? a : reinterpret_cast<std::uintptr_t>(none);
+        __asm__("" : "+r"(p));
+        return reinterpret_cast<T*>(p);
+    }
+    // Each lane's (x, y) is read with one 8-byte load and its z with a 4-byte
+    // load (never past the third float), straight into SSE registers, and
+    // interleaved into x, y and z lanes with seven shuffles.
     template <class G>
     static OWN_LANE void gather3(F out[3], G g) {
-        __m128 r0 = ownLoadXYZ(g(0)), r1 = ownLoadXYZ(g(1)), r2 = ownLoadXYZ(g(2)), r3 = ownLoadXYZ(g(3));
-        _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-        out[0] = ownF4(r0);
-        out[1] = ownF4(r1);
-        out[2] = ownF4(r2);
+        __m128 xy[4], z[4];
+        ownLoadRow(g(0), xy[0], z[0]);
+        ownLoadRow(g(1), xy[1], z[1]);
+        ownLoadRow(g(2), xy[2], z[2]);
+        ownLoadRow(g(3), xy[3], z[3]);
+        const __m128 xy01 = _mm_unpacklo_ps(xy[0], xy[1]);  // x0 x1 y0 y1
+        const __m128 xy23 = _mm_unpacklo_ps(xy[2], xy[3]);  // x2 x3 y2 y3
+        const __m128 z01 = _mm_unpacklo_ps(z[0], z[1]);
+        const __m128 z23 = _mm_unpacklo_ps(z[2], z[3]);
+        out[0] = ownF4(_mm_movelh_ps(xy01, xy23));
+        out[1] = ownF4(_mm_movehl_ps(xy23, xy01));
+        out[2] = ownF4(_mm_movelh_ps(z01, z23));
     }
 
 private:
-    static OWN_LANE __m128 ownLoadXYZ(const float* p) {
-        // movq: an 8-byte load with no alignment requirement.
-        const __m128 xy = _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
-        return _mm_movelh_ps(xy, _mm_load_ss(p + 2));
+    // One lane's row: x and y with movq (an 8-byte load with no alignment
+    // requirement), z with movss.
+    static OWN_LANE void ownLoadRow(const float* p, __m128& xy, __m128& z) {
+        xy = _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+        z = _mm_load_ss(p + 2);
     }
 };
 
@@ -189,9 +227,20 @@ OWN_LANE ownP3<T> ownPlanes(T* const* p) {
 }
 
 // Runs kernel(IO{}, i) for i = begin, begin + kWidth, ... below end.
+// The four-wide loops take two packets per iteration: the packets' dependency
+// chains are independent and overlap, and the loop overhead (on i386 also the
+// reloads of array pointers that do not fit in its seven registers) is paid
+// once per eight rays. A lone last packet runs on its own. The scalar loop is
+// left as written.
 template <class IO, class Kernel>
 OWN_LANE void ownForEach(int begin, int end, Kernel&& kernel) {
-    for (int i = begin; i < end; i += IO::kWidth) kernel(IO{}, i);
+    int i = begin;
+    if (IO::kWidth > 1)
+        for (; end - i >= 2 * IO::kWidth; i += 2 * IO::kWidth) {
+            kernel(IO{}, i);
+            kernel(IO{}, i + IO::kWidth);
+        }
+    for (; i < end; i += IO::kWidth) kernel(IO{}, i);
 }
 
 // The aligned vector path over [0, count). A large call streams its stores

@@ -43,7 +43,7 @@ OWN_LANE void ownDotChangeNorm(IO, int i, const float* const* dir, const std::in
     const typename IO::M live = IO::nonNegative(IO::loadI(mask + i));
     const F n[3] = {IO::load(nrm[0] + i), IO::load(nrm[1] + i), IO::load(nrm[2] + i)};
     const F d = ownDot3(IO::load(dir[0] + i), IO::load(dir[1] + i), IO::load(dir[2] + i), n[0], n[1], n[2]);
-    const F s = ownSelect(d > F(0.0f), F(-1.0f), F(1.0f));
+    const F s = ownNegateWhere(d > F(0.0f), F(1.0f));
 #pragma GCC unroll 3
     for (int c = 0; c < 3; ++c) IO::storeWhere(nrm[c] + i, live, n[c] * s, n[c]);
     IO::store(dot + i, ownSelect(live, d * s, F(0.0f)));
@@ -124,7 +124,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrDot_32f_P3C1M(const float* const pSrc1[3]
                          ownAllAligned16(pSrc1[0], pSrc1[1], pSrc1[2], pSrc2[0], pSrc2[1], pSrc2[2], pMask, pDst);
     const auto a = ownPlanes(pSrc1);
     const auto b = ownPlanes(pSrc2);
-    auto kernel = [&](auto io, int i) { ownDot(io, i, a.c, b.c, pMask, pDst); };
+    auto kernel = [&](auto io, int i) OWN_KERNEL { ownDot(io, i, a.c, b.c, pMask, pDst); };
     if (vector4)
         ownForEachAligned(count, kernel);
     else
@@ -140,7 +140,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrDotChangeNorm_32f_IM(const float* const p
                          ownAllAligned16(pDir[0], pDir[1], pDir[2], pMask, pNormal[0], pNormal[1], pNormal[2], pDot);
     const auto dir = ownPlanes(pDir);
     const auto nrm = ownPlanes(pNormal);
-    auto kernel = [&](auto io, int i) { ownDotChangeNorm(io, i, dir.c, pMask, nrm.c, pDot); };
+    auto kernel = [&](auto io, int i) OWN_KERNEL { ownDotChangeNorm(io, i, dir.c, pMask, nrm.c, pDot); };
     if (vector4)
         ownForEachAligned(count, kernel);
     else
@@ -155,7 +155,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrDistAttenuationSO_32f_M(const float pLigh
     const bool vector4 = ownIsMultipleOf4(count) && ownAllAligned16(pPoint[0], pPoint[1], pPoint[2], pMask, pDist);
     const float light[3] = {pLight[0], pLight[1], pLight[2]};
     const auto point = ownPlanes(pPoint);
-    auto kernel = [&](auto io, int i) { ownDistAttenuation(io, i, light, point.c, pMask, pDist); };
+    auto kernel = [&](auto io, int i) OWN_KERNEL { ownDistAttenuation(io, i, light, point.c, pMask, pDist); };
     if (vector4)
         ownForEachAligned(count, kernel);
     else
@@ -168,7 +168,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrMul_32f_C1IM(const float* pSrc, const int
     // No pointer checks: the caller vouches for its arrays. There is a single
     // path, aligned on the destination.
     if (count < 1) return vekStatusOk;
-    ownForEachPeeled(pSrcDst, count, [&](auto io, int i) { ownMulC1(io, i, pSrc, pMask, pSrcDst); });
+    ownForEachPeeled(pSrcDst, count, [&](auto io, int i) OWN_KERNEL { ownMulC1(io, i, pSrc, pMask, pSrcDst); });
     return vekStatusOk;
 }
 
@@ -178,7 +178,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrMul_32f_C1P3IM(const float* pSrc, const i
     if (count < 1) return vekStatusOk;
     const bool vector4 = ownIsMultipleOf4(count) && ownAllAligned16(pSrc, pMask, pSrcDst[0], pSrcDst[1], pSrcDst[2]);
     const auto dst = ownPlanes(pSrcDst);
-    auto kernel = [&](auto io, int i) { ownMulP3(io, i, pSrc, pMask, dst.c); };
+    auto kernel = [&](auto io, int i) OWN_KERNEL { ownMulP3(io, i, pSrc, pMask, dst.c); };
     if (vector4)
         ownForEachAligned(count, kernel);
     else
@@ -204,7 +204,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrAddMulMul_32f_AC1P3IM(const float pColor[
     const float color[3] = {pColor[0], pColor[1], pColor[2]};
     const auto src2 = ownPlanes(pSrc2);
     const auto dst = ownPlanes(pSrcDst);
-    auto kernel = [&](auto io, int i) { ownAddMulMul(io, i, color, pSrc1, src2.c, pMask, dst.c); };
+    auto kernel = [&](auto io, int i) OWN_KERNEL { ownAddMulMul(io, i, color, pSrc1, src2.c, pMask, dst.c); };
     if (vector4)
         ownForEachAligned(count, kernel);
     else

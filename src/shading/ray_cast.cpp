@@ -101,7 +101,8 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrCastEye_32f(const float pOrigin[3], const
             for (int c = 0; c < 3; ++c) a[c] = pStepY[c] * v + pOrigin[c];
             const std::ptrdiff_t row = static_cast<std::ptrdiff_t>(j) * width;
             float* const rowDir[3] = {pDir[0] + row, pDir[1] + row, pDir[2] + row};
-            ownForEach<IO>(0, width, [&](auto lane, int i) { ownEyeRays(lane, i, a, stepX, offsetX, rowDir); });
+            ownForEach<IO>(0, width,
+                           [&](auto lane, int i) OWN_KERNEL { ownEyeRays(lane, i, a, stepX, offsetX, rowDir); });
         }
     };
     const bool large = static_cast<std::int64_t>(width) * height >= kStreamingCount;
@@ -130,7 +131,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrCastReflectionRay_32f(const float* const 
     const auto inc = ownPlanes(pInc);
     const auto nrm = ownPlanes(pNormal);
     const auto refl = ownPlanes(pRefl);
-    auto kernel = [&](auto io, int i) { ownReflect(io, i, inc.c, pMask, nrm.c, refl.c); };
+    auto kernel = [&](auto io, int i) OWN_KERNEL { ownReflect(io, i, inc.c, pMask, nrm.c, refl.c); };
     if (vector4 && aligned)
         ownForEachAligned(count, kernel);
     else if (vector4)
@@ -157,7 +158,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrCastShadowSO_32f(const float pLight[3], c
     const auto nrm = ownPlanes(pNormal);
     const auto hit = ownPlanes(pHit);
     const auto dir = ownPlanes(pShadowDir);
-    auto kernel = [&](auto io, int i) { ownShadow(io, i, light, pSide, nrm.c, hit.c, pMask, pDist, dir.c); };
+    auto kernel = [&](auto io, int i) OWN_KERNEL { ownShadow(io, i, light, pSide, nrm.c, hit.c, pMask, pDist, dir.c); };
     if (aligned)
         ownForEachAligned(end4, kernel);
     else
