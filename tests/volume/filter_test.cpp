@@ -10,9 +10,7 @@
 #include <limits>
 #include <vector>
 
-#include "testutil.h"
-#include "vekcore.h"
-#include "vekr.h"
+#include "volume_testutil.h"
 
 namespace {
 
@@ -60,48 +58,14 @@ private:
     std::vector<const std::int16_t*> ptrs_;
 };
 
-// A destination volume whose bytes start as canaries; rows have `extraRow`
-// elements of padding that the filter must leave alone.
-class DstVolume {
-public:
-    DstVolume(VekrVolume v, int offsetElems = 0, int extraRow = 0)
-        : w_(v.width), h_(v.height), rowElems_(v.width + extraRow) {
-        store_.resize(v.depth);
-        ptrs_.resize(v.depth);
-        for (int z = 0; z < v.depth; ++z) {
-            store_[z].assign(offsetElems + h_ * rowElems_, 0);
-            vt::fillCanary(store_[z].data(), store_[z].size());
-            ptrs_[z] = store_[z].data() + offsetElems;
-        }
-    }
-    std::int16_t at(int x, int y, int z) const { return ptrs_[z][y * rowElems_ + x]; }
-    std::int16_t* const* planes() { return ptrs_.data(); }
-    int stepBytes() const { return rowElems_ * 2; }
-    // The voxels of the region, x fastest.
-    std::vector<std::int16_t> values() const {
-        std::vector<std::int16_t> out;
-        for (std::size_t z = 0; z < ptrs_.size(); ++z)
-            for (int y = 0; y < h_; ++y)
-                for (int x = 0; x < w_; ++x) out.push_back(at(x, y, static_cast<int>(z)));
-        return out;
-    }
-    // True when no byte outside the region (or, with region set, no byte at
-    // all) has changed from its canary.
-    bool intact(bool region = false) const {
-        for (std::size_t z = 0; z < ptrs_.size(); ++z)
-            for (std::size_t e = 0; e < store_[z].size(); ++e) {
-                const std::ptrdiff_t i = store_[z].data() + e - ptrs_[z];
-                const bool inside = i >= 0 && i % rowElems_ < w_;
-                if ((region || !inside) && !vt::CanaryIntact(store_[z].data() + e, 1)) return false;
-            }
-        return true;
-    }
+using vv::Vol;
 
-private:
-    int w_, h_, rowElems_;
-    std::vector<std::vector<std::int16_t>> store_;
-    std::vector<std::int16_t*> ptrs_;
-};
+// A destination volume whose bytes start as canaries, planes scattered, rows
+// with `extraRow` elements of padding that the filter must leave alone.
+Vol<std::int16_t> dstVolume(VekrVolume v, int offsetElems = 0, int extraRow = 0) {
+    return Vol<std::int16_t>(v.width, v.height, v.depth, 2 * offsetElems, extraRow).scattered();
+}
+const auto kAnyVoxel = [](int, int, int) { return true; };
 
 // The convolution written out from its definition: an exact 64-bit sum over
 // the kernel in its stored order, then the float pipeline (sum as float, times
@@ -110,50 +74,35 @@ std::vector<std::int16_t> reference(const SrcVolume& src, VekrVolume dst, const 
                                     VekrVolume kv, VekrPoint3D a, int divisor) {
     std::vector<std::int16_t> out;
     const float scale = 1.0f / static_cast<float>(divisor);
-    for (int z = 0; z < dst.depth; ++z)
-        for (int y = 0; y < dst.height; ++y)
-            for (int x = 0; x < dst.width; ++x) {
-                std::int64_t sum = 0;
-                for (int k = 0; k < kv.depth; ++k)
-                    for (int j = 0; j < kv.height; ++j)
-                        for (int i = 0; i < kv.width; ++i)
-                            sum += static_cast<std::int64_t>(kernel[(k * kv.height + j) * kv.width + i]) *
-                                   src.at(x + a.x - i, y + a.y - j, z + a.z - k);
-                const float r = std::nearbyint(static_cast<float>(sum) * scale);
-                out.push_back(static_cast<std::int16_t>(r > 32767.0f ? 32767.0f : r < -32768.0f ? -32768.0f : r));
-            }
+    vv::forEachVoxel(dst.width, dst.height, dst.depth, [&](int x, int y, int z) {
+        std::int64_t sum = 0;
+        vv::forEachVoxel(kv.width, kv.height, kv.depth, [&](int i, int j, int k) {
+            sum += static_cast<std::int64_t>(kernel[(k * kv.height + j) * kv.width + i]) *
+                   src.at(x + a.x - i, y + a.y - j, z + a.z - k);
+        });
+        const float r = std::nearbyint(static_cast<float>(sum) * scale);
+        out.push_back(static_cast<std::int16_t>(r > 32767.0f ? 32767.0f : r < -32768.0f ? -32768.0f : r));
+    });
     return out;
 }
 
-// Keeps the process-wide thread count for the duration of a test.
-class ThreadCount {
-public:
-    explicit ThreadCount(int n) {
-        vekGetNumThreads(&saved_);
-        vekSetNumThreads(n);
-    }
-    ~ThreadCount() { vekSetNumThreads(saved_); }
-
-private:
-    int saved_ = 1;
-};
-
 // Runs the filter with a buffer of exactly the queried size, placed
 // `bufferOffset` bytes past a 16-byte boundary.
-VekStatus runFilter(const SrcVolume& src, DstVolume& dst, VekrVolume dv, const std::vector<std::int32_t>& kernel,
+VekStatus runFilter(const SrcVolume& src, Vol<std::int16_t>& dst, VekrVolume dv, const std::vector<std::int32_t>& kernel,
                     VekrVolume kv, VekrPoint3D a, int divisor, std::size_t bufferOffset = 0) {
     int size = 0;
     EXPECT_EQ(vekrFilterGetBufSize(dv, kv, 1, &size), vekStatusOk);
     vt::Buf<std::uint8_t> buf(static_cast<std::size_t>(size), bufferOffset);
-    return vekrFilter_16s_C1PV(src.planes(), src.stepBytes(), dst.planes(), dst.stepBytes(), dv, kernel.data(), kv, a,
+    return vekrFilter_16s_C1PV(src.planes(), src.stepBytes(), dst.planes(), dst.step, dv, kernel.data(), kv, a,
                                divisor, buf.data());
 }
 
 std::vector<std::int16_t> filtered(const SrcVolume& src, VekrVolume dv, const std::vector<std::int32_t>& kernel,
                                    VekrVolume kv, VekrPoint3D a, int divisor) {
-    DstVolume dst(dv);
+    Vol<std::int16_t> dst = dstVolume(dv);
+    dst.fillCanary();
     EXPECT_EQ(runFilter(src, dst, dv, kernel, kv, a, divisor), vekStatusOk);
-    EXPECT_TRUE(dst.intact());
+    EXPECT_TRUE(dst.canaryIntact(kAnyVoxel));
     return dst.values();
 }
 
@@ -168,7 +117,7 @@ std::vector<std::int32_t> randomKernel(vt::Rng& rng, VekrVolume kv, int lo, int 
 TEST(FilterBufSize, FollowsFormulaInUnsigned32BitsAndScalesWithThreads) {
     int size = 0;
     {
-        ThreadCount t(1);
+        vv::ThreadCount t(1);
         // 64 * floor(35 / 16) + 32 * 2 * 3 * 3 + 32
         ASSERT_EQ(vekrFilterGetBufSize({20, 7, 9}, {3, 3, 3}, 1, &size), vekStatusOk);
         EXPECT_EQ(size, 128 + 576 + 32);
@@ -179,7 +128,7 @@ TEST(FilterBufSize, FollowsFormulaInUnsigned32BitsAndScalesWithThreads) {
         EXPECT_EQ(size, 64);
     }
     {
-        ThreadCount t(3);
+        vv::ThreadCount t(3);
         ASSERT_EQ(vekrFilterGetBufSize({20, 7, 9}, {4, 2, 5}, 1, &size), vekStatusOk);
         EXPECT_EQ(size, 3 * (128 + 32 * 2 * 2 * 5 + 32));
     }
@@ -203,7 +152,8 @@ TEST(Filter, ChecksInOrderAndWritesNothingOnError) {
     const VekrVolume dv{9, 4, 3}, kv{3, 3, 3};
     const VekrPoint3D a{1, 1, 1};
     SrcVolume src(dv, kv, a);
-    DstVolume dst(dv);
+    Vol<std::int16_t> dst = dstVolume(dv);
+    dst.fillCanary();
     std::vector<std::int32_t> kernel(27, 1);
     int size = 0;
     ASSERT_EQ(vekrFilterGetBufSize(dv, kv, 1, &size), vekStatusOk);
@@ -211,7 +161,7 @@ TEST(Filter, ChecksInOrderAndWritesNothingOnError) {
     vt::fillCanary(buf);
     auto call = [&](const std::int16_t* const* s, std::int16_t* const* d, VekrVolume dvol, const std::int32_t* k,
                     VekrVolume kvol, int divisor, std::uint8_t* b) {
-        return vekrFilter_16s_C1PV(s, src.stepBytes(), d, dst.stepBytes(), dvol, k, kvol, a, divisor, b);
+        return vekrFilter_16s_C1PV(s, src.stepBytes(), d, dst.step, dvol, k, kvol, a, divisor, b);
     };
     const auto* s = src.planes();
     auto* d = dst.planes();
@@ -230,7 +180,7 @@ TEST(Filter, ChecksInOrderAndWritesNothingOnError) {
         EXPECT_EQ(call(s, d, dv, k, bad, 0, b), vekStatusBadSize);
     }
     EXPECT_EQ(call(s, d, dv, k, kv, 0, b), vekStatusBadSize);
-    EXPECT_TRUE(dst.intact(true));
+    EXPECT_TRUE(dst.canaryIntact());
     EXPECT_TRUE(vt::CanaryIntact(buf));
 }
 
@@ -258,10 +208,9 @@ TEST(Filter, SingleTapKernelShiftsByAnchorMinusTap) {
         for (int t = 0; t < n; ++t) {
             const int i = t % c.kv.width, j = t / c.kv.width % c.kv.height, k = t / (c.kv.width * c.kv.height);
             std::vector<std::int16_t> expect;
-            for (int z = 0; z < dv.depth; ++z)
-                for (int y = 0; y < dv.height; ++y)
-                    for (int x = 0; x < dv.width; ++x)
-                        expect.push_back(src.at(x + c.a.x - i, y + c.a.y - j, z + c.a.z - k));
+            vv::forEachVoxel(dv.width, dv.height, dv.depth, [&](int x, int y, int z) {
+                expect.push_back(src.at(x + c.a.x - i, y + c.a.y - j, z + c.a.z - k));
+            });
             std::vector<std::int32_t> packed(n, 0), wide(n, 0);
             packed[t] = 1;
             wide[t] = 65536;
@@ -434,12 +383,12 @@ TEST(Filter, SameResultForOneTwoAndThreeThreads) {
             const int divisor = wide ? 1 << 18 : 50;
             std::vector<std::int16_t> single;
             {
-                ThreadCount t(1);
+                vv::ThreadCount t(1);
                 single = filtered(src, dv, kernel, kv, a, divisor);
             }
             EXPECT_TRUE(vt::SameBits(single, reference(src, dv, kernel, kv, a, divisor)));
             for (int n : {2, 3}) {
-                ThreadCount t(n);
+                vv::ThreadCount t(n);
                 EXPECT_TRUE(vt::SameBits(filtered(src, dv, kernel, kv, a, divisor), single)) << n << " threads";
             }
         }
@@ -465,12 +414,13 @@ TEST(Filter, SameResultForAnyPlaneOffsetRowStepAndBufferOffset) {
                 SrcVolume src(dv, kv, a, off, off % 5);
                 vt::Rng rng(1);
                 src.fillRandom(rng, -32768, 32767);
-                DstVolume dst(dv, off, (off * 3) % 7);
+                Vol<std::int16_t> dst = dstVolume(dv, off, (off * 3) % 7);
+                dst.fillCanary();
                 EXPECT_EQ(runFilter(src, dst, dv, kernel, kv, a, 9, offsetBytes % 16), vekStatusOk);
-                EXPECT_TRUE(dst.intact());
-                const auto v = dst.values();
-                return std::vector<std::uint8_t>(reinterpret_cast<const std::uint8_t*>(v.data()),
-                                                 reinterpret_cast<const std::uint8_t*>(v.data() + v.size()));
+                EXPECT_TRUE(dst.canaryIntact(kAnyVoxel));
+                std::vector<std::uint8_t> out;
+                vt::appendBytes(out, dst.values().data(), dst.values().size());
+                return out;
             };
             EXPECT_TRUE(vt::SameAcrossOffsets(run, {2, 4, 6, 8, 10, 12, 14, 22}));
         }

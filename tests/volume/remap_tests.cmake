@@ -1,2 +1,1 @@
-vekr_add_test(test_remap COMPONENTS core remap SOURCES
-  volume/remap_test.cpp volume/warp_test.cpp volume/remap_reference.h)
+vekr_add_test(test_remap COMPONENTS core remap SOURCES volume/remap_test.cpp volume/volume_testutil.h)

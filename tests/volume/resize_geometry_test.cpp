@@ -1,10 +1,13 @@
-// Resize geometry: the destination cuboid, the work-buffer size and their
-// argument checks.
-#include "volume/resize_geometry.h"
-
+// Resize internals and geometry: the destination cuboid, the work-buffer size
+// and their argument checks; the shared interpolation rules (cubic weights,
+// conversion of float results to 8u and 16u, scalar and four-lane forms).
 #include <gtest/gtest.h>
 
-#include "resize_testutil.h"
+#include <cmath>
+
+#include "volume/interp_weights.h"
+#include "volume/resize_geometry.h"
+#include "volume_testutil.h"
 
 namespace {
 
@@ -22,13 +25,6 @@ void expectCuboid(const VekrCuboid& c, int x, int y, int z, int w, int h, int d)
     EXPECT_EQ(h, c.height);
     EXPECT_EQ(d, c.depth);
 }
-
-// Restores the thread count a test changed.
-struct ThreadCount {
-    int saved = 1;
-    ThreadCount() { vekGetNumThreads(&saved); }
-    ~ThreadCount() { vekSetNumThreads(saved); }
-};
 
 TEST(ResizeCuboid, ScalesAndRoundsHalfWayBoundariesOutward) {
     VekrCuboid c{};
@@ -73,7 +69,7 @@ TEST(ResizeCuboid, ChecksPointerSizesFactorsInterpolationInOrder) {
 }
 
 TEST(ResizeBufSize, MatchesHandComputedSizesAndScalesWithThreads) {
-    ThreadCount keep;
+    vv::ThreadCount keep;
     // Destination 10 x 10 x 10 (rounded: U16 = 16, U64 = 64, per axis).
     //  nearest: 64 * (1 + 1 + 1) = 192.
     //  linear:  P = 4 * 3 * (16 + 64) = 960; 256 * ((20 + 127) / 64 + (160 + 127) / 64) = 256 * 6 = 1536;
@@ -131,6 +127,47 @@ TEST(ResizeBufSize, KernelWorkAreaFitsThePerThreadSize) {
                     const std::uint32_t have = vekr::ownResizeBufPerThread(w, h, d, 1, code);
                     ASSERT_LE(need, have) << "code " << code << " region " << w << "x" << h << "x" << d;
                 }
+    }
+}
+
+using namespace vekr;
+
+// The four weights equal the independently written reference kernel rounded
+// once to float (within half a float ulp, plus the cancellation error of
+// either double evaluation near a zero) and sum to 1.
+TEST(InterpWeights, CubicWeightsMatchReferenceAndSumToOne) {
+    for (int code : {4, 5, 6, 7})
+        for (int i = 0; i < 64; ++i) {
+            const double t = i / 64.0;
+            float w[4];
+            ownCubicWeights(ownCubicKernel(code), t, w);
+            for (int j = 0; j < 4; ++j) {
+                const double ref = vv::refKernel(code, t + 1 - j);
+                EXPECT_NEAR(ref, w[j], std::fabs(ref) * 0x1p-24 + 1e-14) << "code " << code << " t " << t;
+            }
+            EXPECT_NEAR(1.0, double(w[0]) + w[1] + w[2] + w[3], 4e-7) << "code " << code << " t " << t;
+        }
+}
+
+// trunc(sum + 0.5000001) clamped to the range, scalar and vector alike.
+// 0.4999999 + 0.5000001 reaches 1 (in float too); 0.4999998 does not.
+TEST(InterpWeights, IntegerConversionRoundsHalfUpAndClamps) {
+    const float sums[] = {0.0f,  0.4999999f, 0.4999998f, 0.5f,     1.5f,     254.49f,   254.5f,  255.4f,
+                          300.f, -0.4f,      -0.6f,      -1e9f,    65534.5f, 65535.2f,  1e9f,    INFINITY,
+                          -INFINITY, NAN,    -0.0f,      1e-40f};
+    const int want8[] = {0, 1, 0, 1, 2, 254, 255, 255, 255, 0, 0, 0, 255, 255, 255, 255, 0, 0, 0, 0};
+    const int want16[] = {0, 1, 0, 1, 2, 254, 255, 255, 300, 0, 0, 0, 65535, 65535, 65535, 65535, 0, 0, 0, 0};
+    for (int i = 0; i < 20; i += 4) {
+        std::uint8_t b[4];
+        std::uint16_t h[4];
+        ownStoreInterp4(b, _mm_loadu_ps(sums + i));
+        ownStoreInterp4(h, _mm_loadu_ps(sums + i));
+        for (int j = i; j < i + 4; ++j) {
+            EXPECT_EQ(want8[j], ownStoreInterp<std::uint8_t>(sums[j])) << sums[j];
+            EXPECT_EQ(want16[j], ownStoreInterp<std::uint16_t>(sums[j])) << sums[j];
+            EXPECT_EQ(want8[j], b[j - i]) << sums[j];
+            EXPECT_EQ(want16[j], h[j - i]) << sums[j];
+        }
     }
 }
 

@@ -1,3 +1,2 @@
 vekr_add_test(test_resize COMPONENTS core resize SOURCES
-  volume/resize_geometry_test.cpp volume/resize_interp_test.cpp volume/resize_test.cpp
-  volume/resize_paths_test.cpp)
+  volume/resize_geometry_test.cpp volume/resize_test.cpp volume/volume_testutil.h)
