@@ -213,8 +213,6 @@ VEKR_API const VekLibraryVersion* vekrGetLibVersion(void);
  * leaves the box inverted. Only pVertices is checked. */
 VEKR_API VekStatus vekrSetBoundBox_32f(const float* pVertices, int numVertices, VekrBoundBox* pBox);
 
-/* @@scene-declarations@@ */
-
 /* Writes the size in bytes of one VekrTriangleAccel record (40) to *pSize.
  * A null pSize gives vekStatusNullPtr. */
 VEKR_API VekStatus vekrTriangleAccelGetSize(int* pSize);
@@ -248,8 +246,6 @@ VEKR_API void vekrKDTreeFree(VekrKDTreeNode* pTree);
 /* ------------------------------------------------------------------------ */
 /* Ray queries: casting, intersection, hit points and normals                */
 /* ------------------------------------------------------------------------ */
-
-/* @@raytrace-declarations@@ */
 
 /* Nearest hit of width x height rays from one eye point (pOrigin: x, y, z).
  * pDirection: planar x, y, z (need not be unit length; distances are in units
@@ -293,8 +289,6 @@ VEKR_API VekStatus vekrIntersectMultipleSO_32f(const float* pOrigin, const float
  * vekStatusOk. */
 VEKR_API VekStatus vekrIntersectAnySO_32f(const float* pOrigin, const float* const pDirection[3], int32_t* pOccluder,
                                           int32_t* pMask, int width, int height, const VekrIntersectContext* pContext);
-
-/* @@shading-raycast-declarations@@ */
 
 /* Primary-ray directions for a width x height block of pixels, row after row:
  * dir = (pStepY*v + pOrigin) + pStepX*u per component, with
@@ -361,8 +355,6 @@ VEKR_API VekStatus vekrTriangleNormal_32f(const float* pVertCoord, const int32_t
 /* Shading arithmetic                                                        */
 /* ------------------------------------------------------------------------ */
 
-/* @@shading-declarations@@ */
-
 /* pDst = a.x*b.x + a.y*b.y + a.z*b.z (left to right); 0 where the mask is
  * negative. All four pointers are checked (vekStatusNullPtr). */
 VEKR_API VekStatus vekrDot_32f_P3C1M(const float* const pSrc1[3], const float* const pSrc2[3],
@@ -404,8 +396,6 @@ VEKR_API VekStatus vekrAddMulMul_32f_AC1P3IM(const float pColor[3], const float*
 /* ------------------------------------------------------------------------ */
 /* Spherical harmonics                                                       */
 /* ------------------------------------------------------------------------ */
-
-/* @@sh-declarations@@ */
 
 /* Byte size of a spherical-harmonics state of the given order and type into
  * *pSize. Type vekrSHDirect: the header alone (16 bytes on i386, 24 on
@@ -479,8 +469,6 @@ VEKR_API VekStatus vekrSHTInv_32f_P3C3(const float* const pCoeffs[3], uint32_t o
 /* Volume processing                                                         */
 /* ------------------------------------------------------------------------ */
 
-/* @@resize-declarations@@ */
-
 /* Volume layouts. C1V: one block; voxel (x, y, z) at
  * base + z * planeStep + y * step + x * elementSize (steps in bytes).
  * C1PV: an array of plane pointers; voxel (x, y, z) at
@@ -545,8 +533,6 @@ VEKR_API VekStatus vekrResize_32f_C1PV(const float* const pSrc[], VekrVolume src
                                        VekrCuboid srcVoi, float* const pDst[], int dstStep, VekrCuboid dstVoi,
                                        double xFactor, double yFactor, double zFactor, double xShift,
                                        double yShift, double zShift, int interpolation, uint8_t* pBuffer);
-
-/* @@remap-declarations@@ */
 
 /* Remap of a planar volume (C1PV): every voxel (x, y, z) of the destination
  * (the whole of dstVolume) samples the source at the point held at (x, y, z)
@@ -632,8 +618,6 @@ VEKR_API VekStatus vekrWarpAffine_16u_C1PV(const uint16_t* const pSrc[], VekrVol
 VEKR_API VekStatus vekrWarpAffine_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume, int srcStep,
                                            VekrCuboid srcVoi, float* const pDst[], int dstStep, VekrCuboid dstVoi,
                                            const double coeffs[3][4], int interpolation, uint8_t* pBuffer);
-
-/* @@filter-declarations@@ */
 
 /* Work-buffer size in bytes for vekrFilter_16s_C1PV, for the current thread
  * count T (size buffers with the thread count the filter will run with):
