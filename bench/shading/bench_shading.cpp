@@ -215,7 +215,7 @@ int main(int argc, char** argv) {
                        vekrMul_32f_C1P3IM(f.at(11, s), iv.at(0, s), d.p, n);
                        return static_cast<double>(n);
                    }});
-    ops.push_back({"vekrDiv_32f_C1IM", 16, "scalar (only path)", "scalar (only path)", [&](int n, int s) {
+    ops.push_back({"vekrDiv_32f_C1IM", 16, "peeled 4-wide", "peeled 4-wide", [&](int n, int s) {
                        vekrDiv_32f_C1IM(f.at(11, s), iv.at(0, s), f.at(9, s), n);
                        return static_cast<double>(n);
                    }});

@@ -39,6 +39,7 @@ OWN_LANE std::int32_t ownSelect(bool m, std::int32_t a, std::int32_t b) { return
 OWN_LANE bool ownAnd(bool a, bool b) { return a && b; }
 OWN_LANE bool ownOr(bool a, bool b) { return a || b; }
 OWN_LANE bool ownNot(bool a) { return !a; }
+OWN_LANE bool ownAny(bool a) { return a; }
 OWN_LANE float ownNegateWhere(bool m, float x) { return m ? -x : x; }
 OWN_LANE float ownSqrt(float x) { return std::sqrt(x); }
 OWN_LANE float ownAbs(float x) { return std::fabs(x); }
@@ -70,9 +71,12 @@ OWN_LANE ownF4 operator/(ownF4 a, ownF4 b) { return ownF4(_mm_div_ps(a.v, b.v));
 OWN_LANE ownM4 operator<(ownF4 a, ownF4 b) { return {_mm_cmplt_ps(a.v, b.v)}; }
 OWN_LANE ownM4 operator>(ownF4 a, ownF4 b) { return {_mm_cmpgt_ps(a.v, b.v)}; }
 OWN_LANE ownM4 operator<=(ownF4 a, ownF4 b) { return {_mm_cmple_ps(a.v, b.v)}; }
+OWN_LANE ownM4 operator==(ownF4 a, ownF4 b) { return {_mm_cmpeq_ps(a.v, b.v)}; }
 
 OWN_LANE ownM4 ownAnd(ownM4 a, ownM4 b) { return {_mm_and_ps(a.v, b.v)}; }
 OWN_LANE ownM4 ownOr(ownM4 a, ownM4 b) { return {_mm_or_ps(a.v, b.v)}; }
+// True when the mask holds in any lane.
+OWN_LANE bool ownAny(ownM4 a) { return _mm_movemask_ps(a.v) != 0; }
 OWN_LANE ownM4 ownNot(ownM4 a) { return {_mm_xor_ps(a.v, _mm_castsi128_ps(_mm_set1_epi32(-1)))}; }
 // Bitwise choice, so the chosen value keeps its exact bits (signed zeros, NaN payloads).
 OWN_LANE ownF4 ownSelect(ownM4 m, ownF4 a, ownF4 b) {

@@ -97,18 +97,28 @@ OWN_LANE void ownAddMulMul(IO, int i, const float* color, const float* src1, con
     }
 }
 
-// The quotient for a live ray; a zero divisor (either sign) gives +inf for a
-// positive dividend, 0 - inf = -inf for a negative one and the default NaN
-// 0xFFC00000 otherwise (zero or NaN dividend), and raises the flag.
-OWN_LANE float ownDivide(float num, float den, bool& divByZero) {
-    if (den == 0.0f) {
+// dst = dst/src for a live ray, 0 for a masked one. A zero divisor (either
+// sign) gives +inf for a positive dividend, 0 - inf = -inf for a negative one
+// and the default NaN 0xFFC00000 otherwise (zero or NaN dividend), and raises
+// the flag; IEEE division alone would take the infinity's sign from the
+// divisor too, so those lanes are replaced. Every other quotient is the
+// correctly rounded one in either lane width (divss and divps agree bit for
+// bit, NaN operands included), so the four-wide loop gives the scalar values.
+// The replacement is rare and only built when a live lane needs it.
+template <class IO>
+OWN_LANE void ownDivC1(IO, int i, const float* src, const std::int32_t* mask, float* dst, bool& divByZero) {
+    using F = typename IO::F;
+    const typename IO::M live = IO::nonNegative(IO::loadI(mask + i));
+    const F num = IO::loadA(dst + i), den = IO::load(src + i);
+    const typename IO::M zero = den == F(0.0f);
+    F q = num / den;
+    if (ownAny(ownAnd(live, zero))) {
         divByZero = true;
-        const float inf = ownBitsFloat(0x7F800000u);
-        if (num > 0.0f) return inf;
-        if (num < 0.0f) return 0.0f - inf;
-        return ownBitsFloat(0xFFC00000u);
+        const F inf(ownBitsFloat(0x7F800000u));
+        const F special = ownSelect(num > F(0.0f), inf, ownSelect(num < F(0.0f), F(0.0f) - inf, F(ownBitsFloat(0xFFC00000u))));
+        q = ownSelect(zero, special, q);
     }
-    return num / den;
+    IO::storeA(dst + i, ownSelect(live, q, F(0.0f)));
 }
 
 }  // namespace
@@ -186,11 +196,14 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrMul_32f_C1P3IM(const float* pSrc, const i
     return vekStatusOk;
 }
 
-extern "C" VekStatus vekrDiv_32f_C1IM(const float* pSrc, const int32_t* pMask, float* pSrcDst, int count) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrDiv_32f_C1IM(const float* pSrc, const int32_t* pMask, float* pSrcDst,
+                                                    int count) {
     if (pSrc == nullptr || pSrcDst == nullptr) return vekStatusNullPtr;
-    // Every element is processed; the flag only chooses the status.
+    // Every element is processed; the flag only chooses the status. Element
+    // by element, the four-wide steps aligned on the destination.
     bool divByZero = false;
-    for (int i = 0; i < count; ++i) pSrcDst[i] = pMask[i] < 0 ? 0.0f : ownDivide(pSrcDst[i], pSrc[i], divByZero);
+    ownForEachPeeled(pSrcDst, count,
+                     [&](auto io, int i) OWN_KERNEL { ownDivC1(io, i, pSrc, pMask, pSrcDst, divByZero); });
     return divByZero ? vekStatusDivByZero : vekStatusOk;
 }
 

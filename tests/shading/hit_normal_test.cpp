@@ -181,6 +181,13 @@ TEST(TriangleNormal, BunnyMatchesDoubleReferenceForOneTwoAndThreeThreads) {
     EXPECT_TRUE(vt::SameBits(one, three));
     const std::vector<float> tail(one.end() - 12, one.end()), expect = {0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1};
     EXPECT_TRUE(vt::SameBits(expect, tail));
+    // Triangles go in pairs: an odd count ends on a single one, and nothing
+    // past the count is written.
+    const int odd = mesh.numTriangles() - 1;
+    std::vector<float> part(3 * mesh.numTriangles(), -7.0f);
+    ASSERT_EQ(vekrTriangleNormal_32f(mesh.vertices.data(), mesh.triangles.data(), part.data(), odd), vekStatusOk);
+    EXPECT_TRUE(vt::SameBits(one.data(), part.data(), 3 * odd));
+    EXPECT_EQ(part[3 * odd], -7.0f);
 }
 
 TEST(SurfaceLarge, StreamedStoresGiveTheSameValues) {

@@ -142,16 +142,20 @@ TEST(DivC1, ZeroDivisorsGiveSignedInfinityOrDefaultNaNAndWarn) {
     EXPECT_TRUE(vt::SameBits(expect, r.second)) << "every element is processed; the masked one is +0";
     EXPECT_EQ(div(st::Data{{{2, 0}, {3, 3}}, {0, -1}}, 2).first, vekStatusOk) << "a masked zero divisor does not warn";
 
+    // Zero divisors of both signs among random and special values, on every
+    // alignment of divisor and quotient (the four-wide steps replace the lanes
+    // with a zero divisor); the status says whether a live ray divided by zero.
     st::Data rnd = st::randomData(76, 2, -4, 4);
-    for (int i = 0; i < 67; i += 7) rnd.f[0][i] = 0.0f;
-    std::vector<float> ref(67);
-    for (int i = 0; i < 67; ++i) {
-        const float a = rnd.f[1][i], b = rnd.f[0][i];
-        ref[i] = rnd.m[i] < 0 ? 0.0f : b != 0.0f ? a / b : a > 0 ? kInf : a < 0 ? -kInf : vt::fromBits(0xFFC00000u);
-    }
-    r = div(rnd, 67);
-    EXPECT_EQ(r.first, vekStatusDivByZero);
-    EXPECT_TRUE(vt::SameBits(ref, r.second));
+    for (int i = 0; i < 67; i += 5) rnd.f[0][i] = (i & 1) ? -0.0f : 0.0f;
+    auto call = [](st::Packet& q, int n) {
+        bool zero = false;
+        for (int i = 0; i < n; ++i) zero = zero || (q.m()[i] >= 0 && q.at(0)[i] == 0.0f);
+        EXPECT_EQ(vekrDiv_32f_C1IM(q.at(0), q.m(), q.at(1), n), zero ? vekStatusDivByZero : vekStatusOk);
+    };
+    st::expectRuleAnyAlignment(rnd, 1, call, [](float* v, std::int32_t& m) {
+        const float a = v[1], b = v[0];
+        v[1] = m < 0 ? 0.0f : b != 0.0f ? a / b : a > 0 ? kInf : a < 0 ? -kInf : vt::fromBits(0xFFC00000u);
+    });
 }
 
 TEST(AddMulMul, AccumulatesLiveRaysAndLeavesMaskedOnesUntouched) {
