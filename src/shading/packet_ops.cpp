@@ -36,6 +36,10 @@ OWN_LANE void ownDot(IO, int i, const float* const* a, const float* const* b, co
 // Turns each live normal against its ray: s = -1 where dir.n > 0, else +1
 // (so a NaN dot product keeps the normal's direction); n becomes s*n and the
 // dot output d*s. A masked ray gets dot 0 and its normal is not touched.
+// Multiplying by s is a sign flip where s = -1 (d > 0 rules out a NaN among
+// the operands there) and leaves the value as it is where s = +1, so it is
+// written as one: the flip mask is clear on masked rays, which get their own
+// bits back.
 template <class IO>
 OWN_LANE void ownDotChangeNorm(IO, int i, const float* const* dir, const std::int32_t* mask, float* const* nrm,
                                float* dot) {
@@ -43,10 +47,10 @@ OWN_LANE void ownDotChangeNorm(IO, int i, const float* const* dir, const std::in
     const typename IO::M live = IO::nonNegative(IO::loadI(mask + i));
     const F n[3] = {IO::load(nrm[0] + i), IO::load(nrm[1] + i), IO::load(nrm[2] + i)};
     const F d = ownDot3(IO::load(dir[0] + i), IO::load(dir[1] + i), IO::load(dir[2] + i), n[0], n[1], n[2]);
-    const F s = ownNegateWhere(d > F(0.0f), F(1.0f));
+    const typename IO::M flip = ownAnd(live, d > F(0.0f));
 #pragma GCC unroll 3
-    for (int c = 0; c < 3; ++c) IO::storeWhere(nrm[c] + i, live, n[c] * s, n[c]);
-    IO::store(dot + i, ownSelect(live, d * s, F(0.0f)));
+    for (int c = 0; c < 3; ++c) IO::store(nrm[c] + i, ownNegateWhere(flip, n[c]));
+    IO::store(dot + i, ownSelect(live, ownNegateWhere(flip, d), F(0.0f)));
 }
 
 // Distance to the light, never below 1: sqrt(q) unless 1 > q (q = |point -
