@@ -73,8 +73,10 @@ struct Rays {
         for (std::size_t i = 0; i < iv.stride(); ++i) {
             iv.at(0)[i] = rndBelow(10) == 0 ? -1 : 0;  // 10% masked
             // Triangle hits are coherent, as neighbouring eye rays' are: runs of
-            // about 16 rays on one of a few neighbouring triangles.
-            iv.at(1)[i] = rndBelow(10) == 0 ? -1 : static_cast<int>((i / 16 + rndBelow(4)) % numTable);
+            // about 16 rays on one of a few neighbouring triangles, and the
+            // misses (10%) in runs of 32 rays where the rays pass the object.
+            const bool miss = ((i / 32) * 2654435761u >> 16) % 10 == 0;
+            iv.at(1)[i] = miss ? -1 : static_cast<int>((i / 16 + rndBelow(4)) % numTable);
             iv.at(2)[i] = iv.at(0)[i];
         }
         // Factors of +-1 for the in-place multiply and divide, so that repeated

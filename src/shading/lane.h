@@ -120,10 +120,13 @@ struct ownLane1 {
     static OWN_LANE M nonNegative(I x) { return x >= 0; }
     // float(i), the position of the ray in its row.
     static OWN_LANE F index(int i) { return static_cast<float>(i); }
+    // True when the ray has a hit (t >= 0).
+    static OWN_LANE bool allHit(I t) { return t >= 0; }
     // The address of a gathered row: base + offset for t >= 0, else none.
-    template <class T>
+    // kAllHit says that allHit() held for the ray's packet.
+    template <bool kAllHit, class T>
     static OWN_LANE T* pick(std::int32_t t, T* base, std::ptrdiff_t offset, T* none) {
-        return t >= 0 ? base + offset : none;
+        return kAllHit || t >= 0 ? base + offset : none;
     }
     // Three lanes (x, y, z) gathered from per-lane addresses g(k) of three
     // consecutive floats, k = 0 .. kWidth-1. The values are moved, not
@@ -173,21 +176,26 @@ struct ownLane4 {
     static OWN_LANE F index(int i) {
         return ownF4(_mm_cvtepi32_ps(_mm_add_epi32(_mm_set1_epi32(i), _mm_setr_epi32(0, 1, 2, 3))));
     }
+    // True when every lane has a hit (no sign bit set among the four t).
+    static OWN_LANE bool allHit(I t) { return _mm_movemask_ps(_mm_castsi128_ps(t.v)) == 0; }
     // The address of a gathered row: base + offset for t >= 0, else none.
-    // The compiler knows that `none` holds zeros and would turn the choice
-    // into a branch around scalar loads whose values it then moves through
-    // integer registers; the empty asm hides where p points, so each lane is
-    // loaded straight into SSE registers from one address. (A conditional
-    // move in place of the short branch that remains measured slower: it puts
-    // the index load in front of every gather load.) The address of a miss is
-    // formed as an integer, never as an out-of-range pointer, and is not read.
-    template <class T>
+    // A packet whose lanes all hit (kAllHit; the common case) forms its
+    // addresses directly. In a packet with a miss every lane chooses without
+    // a branch: a per-lane branch on t, mispredicted wherever hits and misses
+    // mix, costs far more than the choice once t comes from memory rather
+    // than from the cache. The empty asm keeps the compiler from turning the
+    // choice back into a branch (it knows that `none` holds zeros). The
+    // address of a miss is formed as an integer, never as an out-of-range
+    // pointer, and is not read.
+    template <bool kAllHit, class T>
     static OWN_LANE T* pick(std::int32_t t, T* base, std::ptrdiff_t offset, T* none) {
+        if (kAllHit) return base + offset;
         const std::uintptr_t a =
             reinterpret_cast<std::uintptr_t>(base) + static_cast<std::uintptr_t>(offset) * sizeof(T);
-        std::uintptr_t p = t >= 0 ? a : reinterpret_cast<std::uintptr_t>(none);
-        __asm__("" : "+r"(p));
-        return reinterpret_cast<T*>(p);
+        // All ones for a miss, zero for a hit.
+        std::uintptr_t m = static_cast<std::uintptr_t>(static_cast<std::intptr_t>(t) >> 31);
+        __asm__("" : "+r"(m));
+        return reinterpret_cast<T*>((a & ~m) | (reinterpret_cast<std::uintptr_t>(none) & m));
     }
     // Each lane's (x, y) is read with one 8-byte load and its z with a 4-byte
     // load (never past the third float), straight into SSE registers, and
