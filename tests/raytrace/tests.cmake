@@ -1,2 +1,1 @@
-vekr_add_test(test_raytrace COMPONENTS core scene raytrace SOURCES
-  raytrace/rt_support.cpp raytrace/rules_test.cpp raytrace/bunny_test.cpp)
+vekr_add_test(test_raytrace COMPONENTS core scene raytrace SOURCES raytrace/rules_test.cpp raytrace/bunny_test.cpp)

@@ -1,4 +1,4 @@
-vekr_add_test(test_sh COMPONENTS core sh SOURCES sh/sh_state_test.cpp sh/sh_eval_test.cpp sh/sh_transform_test.cpp)
+vekr_add_test(test_sh COMPONENTS core sh SOURCES sh/sh_test.cpp)
 
 # The generated closed-form evaluators must match what the generator makes now.
 find_program(VEKR_SH_PYTHON3 NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH)
