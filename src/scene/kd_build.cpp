@@ -3,10 +3,21 @@
 // straddling triangles) and the writing of the position-independent block.
 #include "scene/kd_build.h"
 
+#include <emmintrin.h>
+
 #include <algorithm>
 #include <cmath>
 
 #include "scene/sah_split.h"
+
+// The build keeps SSE values on the stack (the split search's sweep, the
+// clipping of straddlers); on i386 a caller may enter with a stack aligned
+// to 4 bytes only, so the entry point realigns it.
+#if defined(__i386__)
+#define VEKR_KD_BUILD_ENTRY __attribute__((force_align_arg_pointer))
+#else
+#define VEKR_KD_BUILD_ENTRY
+#endif
 
 namespace {
 
@@ -151,10 +162,8 @@ void ownReleaseArrays(OwnBuild* b) {
     vekr::OwnEventStore& ev = b->events;
     for (int k = 0; k < 2; ++k)
         for (int a = 0; a < 3; ++a) {
-            for (std::uint32_t** pp : {&ev.pKey[k][a], &ev.pIndex[k][a], &ev.pEndKey[k][a], &ev.pEndIndex[k][a]}) {
-                vekFree(*pp);
-                *pp = nullptr;
-            }
+            vekFree(ev.pItems[k][a]);
+            ev.pItems[k][a] = nullptr;
         }
     for (std::uint64_t*& p : ev.pScratch) {
         vekFree(p);
@@ -251,13 +260,18 @@ const OwnPolygon* ownClipPlane(const OwnPolygon* in, OwnPolygon* out, int* pN, i
         const double* p = in->v[i];
         const double* q = in->v[iq];
         const double dp = dist[i], dq = dist[iq];
+        // x and y in one register, z apart: the same operations per
+        // coordinate.
+        const __m128d pxy = _mm_loadu_pd(p);
         if (dp >= 0.0) {
-            for (int c = 0; c < 3; ++c) out->v[m][c] = p[c];
+            _mm_storeu_pd(out->v[m], pxy);
+            out->v[m][2] = p[2];
             ++m;
         }
         if ((dp >= 0.0) != (dq >= 0.0)) {
             const double t = dp / (dp - dq);
-            for (int c = 0; c < 3; ++c) out->v[m][c] = p[c] + t * (q[c] - p[c]);
+            _mm_storeu_pd(out->v[m], _mm_add_pd(pxy, _mm_mul_pd(_mm_set1_pd(t), _mm_sub_pd(_mm_loadu_pd(q), pxy))));
+            out->v[m][2] = p[2] + t * (q[2] - p[2]);
             out->v[m][a] = plane;
             ++m;
         }
@@ -272,26 +286,41 @@ const OwnPolygon* ownClipPlane(const OwnPolygon* in, OwnPolygon* out, int* pN, i
 // take turns; returns the remaining polygon (*pN = 0 when none remains).
 const OwnPolygon* ownClipAxes(const OwnPolygon* poly, OwnPolygon scratch[2], int* pN, const float lo[3],
                               const float hi[3], unsigned planes, int a0, int a1) {
-    for (int a = a0; a < a1 && *pN > 0; ++a)
-        for (int side = 0; side < 2 && *pN > 0; ++side) {
-            if (!(planes & (1u << (2 * a + side)))) continue;
-            OwnPolygon* out = poly == &scratch[0] ? &scratch[1] : &scratch[0];
-            poly = ownClipPlane(poly, out, pN, a, side, side == 0 ? lo[a] : hi[a]);
-        }
+    // The enabled faces in bit order, which is the order above.
+    unsigned faces = planes & ((1u << (2 * a1)) - 1) & ~((1u << (2 * a0)) - 1);
+    while (faces != 0 && *pN > 0) {
+        const int bit = __builtin_ctz(faces);
+        faces &= faces - 1;
+        const int a = bit >> 1, side = bit & 1;
+        OwnPolygon* out = poly == &scratch[0] ? &scratch[1] : &scratch[0];
+        poly = ownClipPlane(poly, out, pN, a, side, side == 0 ? lo[a] : hi[a]);
+    }
     return poly;
 }
 
 // The extent of a clipped polygon, rounded outwards and kept inside the box.
 void ownPolygonExtent(const OwnPolygon* poly, int n, const float lo[3], const float hi[3], float outLo[3],
                       float outHi[3]) {
+    // The least and greatest coordinate per axis, x and y in one register:
+    // min_pd(v, mn) is v < mn ? v : mn, as std::min(mn, v), and likewise
+    // max_pd for std::max.
+    __m128d mnXY = _mm_loadu_pd(poly->v[0]), mxXY = mnXY;
+    __m128d mnZ = _mm_load_sd(poly->v[0] + 2), mxZ = mnZ;
+    for (int i = 1; i < n; ++i) {
+        const __m128d xy = _mm_loadu_pd(poly->v[i]), z = _mm_load_sd(poly->v[i] + 2);
+        mnXY = _mm_min_pd(xy, mnXY);
+        mxXY = _mm_max_pd(xy, mxXY);
+        mnZ = _mm_min_sd(z, mnZ);
+        mxZ = _mm_max_sd(z, mxZ);
+    }
+    double mn[3], mx[3];
+    _mm_storeu_pd(mn, mnXY);
+    _mm_storeu_pd(mx, mxXY);
+    _mm_store_sd(mn + 2, mnZ);
+    _mm_store_sd(mx + 2, mxZ);
     for (int a = 0; a < 3; ++a) {
-        double mn = poly->v[0][a], mx = mn;
-        for (int i = 1; i < n; ++i) {
-            mn = std::min(mn, poly->v[i][a]);
-            mx = std::max(mx, poly->v[i][a]);
-        }
-        outLo[a] = ownCanonical(ownClamp(ownFloatDown(mn), lo[a], hi[a]));
-        outHi[a] = ownCanonical(ownClamp(ownFloatUp(mx), lo[a], hi[a]));
+        outLo[a] = ownCanonical(ownClamp(ownFloatDown(mn[a]), lo[a], hi[a]));
+        outHi[a] = ownCanonical(ownClamp(ownFloatUp(mx[a]), lo[a], hi[a]));
     }
 }
 
@@ -421,9 +450,12 @@ int ownRootEntries(OwnTriEntry* out, const float* pVertices, const int* pTriangl
     return kept;
 }
 
+// A hint to fetch the cache line at p (no effect on results).
+inline void ownPrefetch(const void* p) { _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0); }
+
 // A pending node of the subdivision: its working node, box, entries and the
-// number of triangles with extent along each axis (which splits its
-// candidate lists into starts and planar values).
+// number of triangles with extent along each axis (which, with the count,
+// tells how many of its event items are ends and starts and how many planar).
 struct OwnPending {
     std::uint32_t node;
     float lo[3], hi[3];
@@ -477,9 +509,7 @@ VekStatus ownSubdivide(OwnBuild& b, const float* pVertices, const int* pTriangle
         if (cur.count > 0 && cur.depth < maxDepth) {
             vekr::OwnAxisEvents lists[3];
             for (int a = 0; a < 3; ++a) {
-                lists[a].pStart = ev.pKey[cur.buffer][a] + cur.base;
-                lists[a].pPlanar = ev.pKey[cur.buffer][a] + cur.base + cur.numExtended[a];
-                lists[a].pEnd = ev.pEndKey[cur.buffer][a] + cur.base;
+                lists[a].pItems = ev.pItems[cur.buffer][a] + 2 * cur.base;
                 lists[a].numExtended = cur.numExtended[a];
                 lists[a].numPlanar = cur.count - cur.numExtended[a];
             }
@@ -520,7 +550,7 @@ VekStatus ownSubdivide(OwnBuild& b, const float* pVertices, const int* pTriangle
         // the axis and lying in the plane goes by the search's plane side.
         // When the search predicts an empty side (an empty-space cut), only
         // count: if the prediction holds, nothing straddles and every entry
-        // and candidate list stays as it is.
+        // and event list stays as it is.
         const bool oneSided = sp.numLower == 0 || sp.numUpper == 0;
         OwnTriEntry* up = b.pUpperTemp;
         std::int32_t* li = ev.pLowerIndex;
@@ -545,13 +575,12 @@ VekStatus ownSubdivide(OwnBuild& b, const float* pVertices, const int* pTriangle
             }
             sd[i] = toLower && toUpper ? -1 : (toLower ? nl : (nu | 0x40000000));
             if (toLower && toUpper) {
+                // Placed whole for now; trimmed below.
                 li[ns] = nl;
                 ui[ns] = nu;
                 ++ns;
-                OwnTriEntry tl, tu;
-                ownTrimStraddler(t, pVertices, pTriangles, a, lower.lo, lower.hi, upper.lo, upper.hi, &tl, &tu);
-                e[nl++] = tl;
-                up[nu++] = tu;
+                e[nl++] = t;
+                up[nu++] = t;
             } else if (toLower) {
                 e[nl++] = t;
             } else if (toUpper) {
@@ -559,6 +588,22 @@ VekStatus ownSubdivide(OwnBuild& b, const float* pVertices, const int* pTriangle
             }
         }
         if (nl != sp.numLower || nu != sp.numUpper) return vekStatusBuildInconsistent;
+        // The straddlers, trimmed to each child's box in a pass of their own:
+        // their triangles and vertices lie anywhere in the scene arrays, so
+        // the next straddlers' are fetched ahead (the triangle two ahead, its
+        // vertices one ahead) while one is clipped.
+        for (int k = 0; k < ns; ++k) {
+            if (k + 2 < ns)
+                ownPrefetch(pTriangles + 4 * static_cast<std::ptrdiff_t>(vekr::ownEntryTriangle(e[li[k + 2]])));
+            if (k + 1 < ns) {
+                const int* tri = pTriangles + 4 * static_cast<std::ptrdiff_t>(vekr::ownEntryTriangle(e[li[k + 1]]));
+                for (int v = 0; v < 3; ++v) ownPrefetch(pVertices + 3 * static_cast<std::ptrdiff_t>(tri[v]));
+            }
+            OwnTriEntry& tl = e[li[k]];
+            OwnTriEntry& tu = up[ui[k]];
+            const OwnTriEntry t = tl;
+            ownTrimStraddler(t, pVertices, pTriangles, a, lower.lo, lower.hi, upper.lo, upper.hi, &tl, &tu);
+        }
         if (!oneSided) {
             std::memcpy(e + nl, up, static_cast<std::size_t>(nu) * sizeof(OwnTriEntry));
             vekr::ownEventsSplit(ev, cur.buffer, cur.base, n, cur.numExtended, e, nl, ns, lower.numExtended,
@@ -672,7 +717,7 @@ VekStatus ownOptimizationPSAH(VekrKDTreeNode** ppTree, const float* pVertices, c
     // per-vertex area, both in whole 16 MB blocks with a spare one. The
     // charges are a fixed model of the working set, not a record of each
     // allocation: this builder's per-triangle scratch (the split search's
-    // sorted candidate lists) is larger than the twelve arrays it is charged
+    // sorted event lists) is larger than the twelve arrays it is charged
     // as, and it needs no per-vertex copy, reading the caller's vertices.
     auto* b = static_cast<OwnBuild*>(vekMalloc(static_cast<int>(sizeof(OwnBuild))));
     if (b == nullptr) return vekStatusNoMemory;
@@ -686,9 +731,8 @@ VekStatus ownOptimizationPSAH(VekrKDTreeNode** ppTree, const float* pVertices, c
               (b->pUpperTemp = ownAllocArray<OwnTriEntry>(nt)) != nullptr;
     for (int a = 0; a < 3 && ok; ++a)
         for (int k = 0; k < 2 && ok; ++k)
-            for (std::uint32_t** pp : {&ev.pKey[k][a], &ev.pIndex[k][a], &ev.pEndKey[k][a], &ev.pEndIndex[k][a]})
-                ok = ok && (*pp = ownAllocArray<std::uint32_t>(b->entryCapacity)) != nullptr;
-    for (int i = 0; i < 7 && ok; ++i) ok = (ev.pScratch[i] = ownAllocArray<std::uint64_t>(nt + 1)) != nullptr;
+            ok = (ev.pItems[k][a] = ownAllocArray<std::uint64_t>(2 * b->entryCapacity)) != nullptr;
+    for (int i = 0; i < 3 && ok; ++i) ok = (ev.pScratch[i] = ownAllocArray<std::uint64_t>(2 * nt + 1)) != nullptr;
     ok = ok && (ev.pLowerIndex = ownAllocArray<std::int32_t>(nt)) != nullptr &&
          (ev.pUpperIndex = ownAllocArray<std::int32_t>(nt)) != nullptr &&
          (ev.pSide = ownAllocArray<std::int32_t>(nt)) != nullptr;
@@ -757,9 +801,10 @@ VekStatus ownOptimizationPSAH(VekrKDTreeNode** ppTree, const float* pVertices, c
 
 }  // namespace vekr
 
-extern "C" VekStatus vekrKDTreeBuildAlloc(VekrKDTreeNode** ppTree, const float* pVertices, const int* pTriangles,
-                                          int numVertices, int numTriangles, int* pSize,
-                                          const VekrKDTreeBuildParams* pParams) {
+extern "C" VEKR_KD_BUILD_ENTRY VekStatus vekrKDTreeBuildAlloc(VekrKDTreeNode** ppTree, const float* pVertices,
+                                                              const int* pTriangles, int numVertices,
+                                                              int numTriangles, int* pSize,
+                                                              const VekrKDTreeBuildParams* pParams) {
     if (ppTree == nullptr || pVertices == nullptr || pTriangles == nullptr || pSize == nullptr)
         return vekStatusNullPtr;
     if (numVertices < 0 || numTriangles < 0) return vekStatusBadSize;

@@ -3,6 +3,7 @@
 // the choice of axis and the split test (MacDonald and Booth, "Heuristics for
 // ray tracing using space subdivision", 1990; Wald and Havran, "On building
 // fast kd-trees for ray tracing, and on doing that in O(N log N)", 2006).
+#include <emmintrin.h>
 #include <omp.h>
 
 #include <algorithm>
@@ -30,32 +31,42 @@ inline std::uint32_t ownKey(float f) {
 }
 inline float ownKeyFloat(std::uint32_t k) { return ownBitsFloat(k ^ ((k & 0x80000000u) ? 0x80000000u : 0xFFFFFFFFu)); }
 
-inline std::uint64_t ownItem(float f, int index) {
-    return (static_cast<std::uint64_t>(ownKey(f)) << 32) | static_cast<std::uint32_t>(index);
+// Event items (see OwnAxisEvents): key << 32 | kind << 30 | entry index.
+constexpr std::uint32_t kKindEnd = 0u;
+constexpr std::uint32_t kKindPlanar = 1u;
+constexpr std::uint32_t kKindStart = 2u;
+constexpr std::uint32_t kIndexMask = 0x3FFFFFFFu;
+
+inline std::uint64_t ownItem(float f, std::uint32_t kind, int index) {
+    return (static_cast<std::uint64_t>(ownKey(f)) << 32) | (kind << 30) | static_cast<std::uint32_t>(index);
 }
 inline std::uint32_t ownItemKey(std::uint64_t item) { return static_cast<std::uint32_t>(item >> 32); }
+inline std::uint32_t ownItemKind(std::uint64_t item) { return static_cast<std::uint32_t>(item) >> 30; }
 
-// Closes a sorted run of straddler items: above every real item, whose index
-// part stays below 2^30.
+// Closes a sorted run of straddler items: above every real item (whose key
+// encodes no NaN, so stays below 0xFFFFFFFF).
 constexpr std::uint64_t kSentinel = ~static_cast<std::uint64_t>(0);
 
-// Ascending sort of n items whose indices already ascend (so sorting by key
-// alone with a stable sort gives the (key, index) order); returns the buffer
-// that holds the result (p or tmp). Short lists go to an insertion sort or
-// std::sort, longer ones to an LSD radix sort over the key (three 11-bit
-// digits, stable), which skips digits that all keys share. All give the one
-// total order.
+// Ascending sort of n distinct items whose lower 32 bits (kind, then index)
+// already ascend (so sorting by key alone with a stable sort gives the item
+// order); returns the buffer that holds the result (p or tmp). Short lists
+// are placed by counting, middling ones go to std::sort, longer ones to an
+// LSD radix sort over the key (three 11-bit digits, stable), which skips
+// digits that all keys share. All give the one total order.
 std::uint64_t* ownSortItems(std::uint64_t* p, std::uint64_t* tmp, int n) {
     if (n <= 16) {
-        // The straddlers of a small node: a few items, often none; a plain
-        // insertion sort without the call and set-up of the general sort.
-        for (int i = 1; i < n; ++i) {
+        // The straddlers of a small node: a few items, often none. Each
+        // item's place is the number of items below it (the items are
+        // distinct), counted without a branch: the order of a few items is
+        // not predictable, and the count costs less than the mispredicted
+        // branches of an insertion sort.
+        for (int i = 0; i < n; ++i) {
             const std::uint64_t v = p[i];
-            int j = i;
-            for (; j > 0 && p[j - 1] > v; --j) p[j] = p[j - 1];
-            p[j] = v;
+            int below = 0;
+            for (int j = 0; j < n; ++j) below += p[j] < v;
+            tmp[below] = v;
         }
-        return p;
+        return tmp;
     }
     if (n <= kSortSwitch) {
         std::sort(p, p + n);
@@ -97,7 +108,8 @@ void ownSortItemsInPlace(std::uint64_t* p, std::uint64_t* tmp, int n) {
 }
 
 // Result of one axis: cost (leafCost when the axis is passed over), split
-// position, predicted child counts and plane side.
+// position, predicted child counts and plane side. The vector sweep leaves
+// the counts to be found for the chosen axis only (numLower = -1).
 struct OwnAxisResult {
     double cost;
     float pos;
@@ -106,37 +118,42 @@ struct OwnAxisResult {
     int planeSideUpper;
 };
 
-// Sweeps every distinct candidate position in ascending order (the merged
-// start, end and planar lists, the largest end included) and returns the
-// cheapest sum of count * (width + K) over the two children. At position x,
-// a triangle counts below when it starts strictly below x and above when it
-// ends strictly above x. Triangles flat at x are tried on either side, the
-// upper side first; a side or position replaces the best only when it is
-// strictly cheaper, so the first minimum wins.
+// Sum over the two children of count * (width + K) for a plane at x.
+inline double ownPrice(float x, float la, float ha, double K, int below, int above) {
+    const double wl = static_cast<double>(x - la) + K;
+    const double wr = static_cast<double>(ha - x) + K;
+    return static_cast<double>(below) * wl + static_cast<double>(above) * wr;
+}
+
+// Sweeps every distinct candidate position in ascending order (the events'
+// coordinates, the largest end included) and returns the cheapest sum of
+// count * (width + K) over the two children. At position x, a triangle
+// counts below when it starts strictly below x and above when it ends
+// strictly above x. Triangles flat at x are tried on either side, the upper
+// side first; a side or position replaces the best only when it is strictly
+// cheaper, so the first minimum wins.
 // Pricing in-plane triangles on both sides (Wald and Havran's rule) puts
 // them where they add the least cost, so a plane through a flat cluster
 // (a wall, a floor) can cut it off cleanly from either side; and the largest
 // end is a candidate too, so gaps narrower than the empty-space margin can
 // still be cut off when that pays.
-double ownSweepPlanar(const std::uint32_t* S, const std::uint32_t* E, const std::uint32_t* P, int m, int p, float la,
-                      float ha, double K, OwnAxisResult* r) {
+double ownSweepPlanar(const std::uint64_t* it, int m, int p, float la, float ha, double K, OwnAxisResult* r) {
+    const int len = 2 * m + p;
     double best = 0.0;
     bool have = false;
-    int i = 0, j = 0, k = 0;
-    // Every end lies above its own start, so the loop ends with the last end
-    // (or the last planar value).
-    while (j < m || k < p) {
-        std::uint32_t xk = i < m ? S[i] : 0xFFFFFFFFu;
-        if (j < m && E[j] < xk) xk = E[j];
-        if (k < p && P[k] < xk) xk = P[k];
-        // Everything before i, j, k lies strictly below x.
-        const int below = i + k;
-        while (i < m && S[i] == xk) ++i;
-        while (j < m && E[j] == xk) ++j;
-        const int k0 = k;
-        while (k < p && P[k] == xk) ++k;
-        const int onPlane = k - k0;
-        const int above = (m - j) + (p - k);
+    int starts = 0, ends = 0, planars = 0;  // events before the position
+    for (int k = 0; k < len;) {
+        const std::uint32_t xk = ownItemKey(it[k]);
+        const int below = starts + planars;
+        const int planarsBefore = planars;
+        for (; k < len && ownItemKey(it[k]) == xk; ++k) {
+            const std::uint32_t kind = ownItemKind(it[k]);
+            starts += kind == kKindStart;
+            ends += kind == kKindEnd;
+            planars += kind == kKindPlanar;
+        }
+        const int onPlane = planars - planarsBefore;
+        const int above = (m - ends) + (p - planars);
         const float x = ownKeyFloat(xk);
         const double wl = static_cast<double>(x - la) + K;
         const double wr = static_cast<double>(ha - x) + K;
@@ -161,59 +178,149 @@ double ownSweepPlanar(const std::uint32_t* S, const std::uint32_t* E, const std:
     return best;
 }
 
-// The same sweep for an axis without planar triangles, the common case, in
-// two phases. While starts remain, the next position is the smaller of the
-// next start and the next end; some triangle then still starts at or above
-// the position and so ends above it, which bounds the skip over equal ends
-// without a count check. After the last start only ends remain, and every
-// triangle counts below. The first position is the smallest start, with
-// nothing below and everything above: it seeds the best, so the loops need
-// no "first candidate" test (seen again there, it prices the same and is
-// not strictly cheaper).
-double ownSweepExtended(const std::uint32_t* S, const std::uint32_t* E, int m, float la, float ha, double K,
-                        OwnAxisResult* r) {
-    if (m == 0) return 0.0;
-    auto price = [&](std::uint32_t xk, int below, int above) {
-        const float x = ownKeyFloat(xk);
-        const double wl = static_cast<double>(x - la) + K;
-        const double wr = static_cast<double>(ha - x) + K;
-        return static_cast<double>(below) * wl + static_cast<double>(above) * wr;
-    };
-    double best = price(S[0], 0, m);
-    std::uint32_t bestKey = S[0];
-    int bestBelow = 0, bestAbove = m;
-    auto offer = [&](std::uint32_t xk, int below, int above) {
-        const double cu = price(xk, below, above);
-        if (cu < best) {
+// The same sweep for an axis without planar triangles, the common case: the
+// 2m events are ends and starts only. The first position is the smallest
+// start, with nothing below and everything above.
+double ownSweepExtended(const std::uint64_t* it, int m, float la, float ha, double K, OwnAxisResult* r) {
+    const int len = 2 * m;
+    double best = 0.0;
+    bool have = false;
+    int starts = 0, ends = 0;  // events before the position
+    for (int k = 0; k < len;) {
+        const std::uint32_t xk = ownItemKey(it[k]);
+        const int below = starts;
+        for (; k < len && ownItemKey(it[k]) == xk; ++k) {
+            const int start = ownItemKind(it[k]) == kKindStart;
+            starts += start;
+            ends += 1 - start;
+        }
+        const double cu = ownPrice(ownKeyFloat(xk), la, ha, K, below, m - ends);
+        if (!have || cu < best) {
+            have = true;
             best = cu;
-            bestKey = xk;
-            bestBelow = below;
-            bestAbove = above;
+            r->pos = ownKeyFloat(xk);
+            r->numLower = below;
+            r->numUpper = m - ends;
         }
-    };
-    int i = 0, j = 0;
-    while (i < m) {
-        const std::uint32_t s = S[i], e = E[j];
-        const std::uint32_t xk = s < e ? s : e;
-        const int below = i;
-        if (s == xk) {
-            do ++i;
-            while (i < m && S[i] == xk);
-        }
-        while (E[j] == xk) ++j;
-        offer(xk, below, m - j);
     }
-    while (j < m) {
-        const std::uint32_t xk = E[j];
-        do ++j;
-        while (j < m && E[j] == xk);
-        offer(xk, m, m - j);
-    }
-    r->pos = ownKeyFloat(bestKey);
-    r->numLower = bestBelow;
-    r->numUpper = bestAbove;
     r->planeSideUpper = 1;
     return best;
+}
+
+// The sweep without planar triangles in SSE2, four events per step and
+// without a branch on the data. It prices every event rather than every
+// distinct position: at the k-th event (0-based) with i starts before it,
+// the counts are i below and m - (k + 1 - i - start) above. Within a group
+// of equal coordinates the ends come first and then the starts, so these
+// counts are exact at the group's first start (or, without starts, its last
+// end) and at every other event of the group count a triangle of the group
+// on one side too many, which prices at least as high (the widths are not
+// negative, and rounding is monotone). So the least price and the first
+// position with it are the same as the sweep's over distinct positions; the
+// events are compared by (price, k), strict in the price per lane and ties to
+// the lower k across lanes. A NaN price (only from infinite box bounds) is
+// never taken, as in the scalar sweep; a NaN price of the first event (the
+// seed of every lane) is kept, as there. The counts of the position are left
+// to ownCountSides (numLower = -1), needed for the chosen axis only.
+double ownSweepExtendedSse2(const std::uint64_t* it, int m, float la, float ha, double K, OwnAxisResult* r) {
+    const int len = 2 * m;
+    const double seed = ownPrice(ownKeyFloat(ownItemKey(it[0])), la, ha, K, 0, m);
+    __m128d bestLo = _mm_set1_pd(seed), bestHi = bestLo;
+    // The step (k / 4) of each lane's best. Steps only grow, so taking the
+    // current step where it is cheaper is max(at, lt & step).
+    __m128d atLo = _mm_setzero_pd(), atHi = atLo;
+    __m128d stepV = _mm_setzero_pd();
+    const __m128d one = _mm_set1_pd(1.0);
+    const __m128d Kv = _mm_set1_pd(K);
+    const __m128 laV = _mm_set1_ps(la), haV = _mm_set1_ps(ha);
+    const __m128i ones = _mm_set1_epi32(-1), sign = _mm_set1_epi32(static_cast<int>(0x80000000u));
+    __m128i before = _mm_setzero_si128();                       // starts before the step, each lane
+    __m128i rest = _mm_setr_epi32(m - 1, m - 2, m - 3, m - 4);  // m - 1 - k
+    int k = 0;
+    for (; k + 4 <= len; k += 4) {
+        const __m128 a = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(it + k)));
+        const __m128 b = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(it + k + 2)));
+        const __m128i keys = _mm_castps_si128(_mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
+        const __m128i low = _mm_castps_si128(_mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0)));
+        // Starts up to and including each event (a prefix sum over the lanes).
+        const __m128i start = _mm_srli_epi32(low, 31);
+        __m128i upTo = _mm_add_epi32(start, _mm_slli_si128(start, 4));
+        upTo = _mm_add_epi32(upTo, _mm_slli_si128(upTo, 8));
+        upTo = _mm_add_epi32(upTo, before);
+        const __m128i below = _mm_sub_epi32(upTo, start);
+        const __m128i above = _mm_add_epi32(upTo, rest);
+        before = _mm_shuffle_epi32(upTo, _MM_SHUFFLE(3, 3, 3, 3));
+        rest = _mm_sub_epi32(rest, _mm_set1_epi32(4));
+        // Keys back to floats (the inverse of ownKey), then the prices as in
+        // ownPrice, two events per register.
+        const __m128i flip = _mm_or_si128(_mm_andnot_si128(_mm_srai_epi32(keys, 31), ones), sign);
+        const __m128 x = _mm_castsi128_ps(_mm_xor_si128(keys, flip));
+        const __m128 wlf = _mm_sub_ps(x, laV), wrf = _mm_sub_ps(haV, x);
+        const __m128d wlLo = _mm_add_pd(_mm_cvtps_pd(wlf), Kv);
+        const __m128d wlHi = _mm_add_pd(_mm_cvtps_pd(_mm_movehl_ps(wlf, wlf)), Kv);
+        const __m128d wrLo = _mm_add_pd(_mm_cvtps_pd(wrf), Kv);
+        const __m128d wrHi = _mm_add_pd(_mm_cvtps_pd(_mm_movehl_ps(wrf, wrf)), Kv);
+        const __m128d blLo = _mm_cvtepi32_pd(below);
+        const __m128d blHi = _mm_cvtepi32_pd(_mm_shuffle_epi32(below, _MM_SHUFFLE(3, 2, 3, 2)));
+        const __m128d abLo = _mm_cvtepi32_pd(above);
+        const __m128d abHi = _mm_cvtepi32_pd(_mm_shuffle_epi32(above, _MM_SHUFFLE(3, 2, 3, 2)));
+        const __m128d cLo = _mm_add_pd(_mm_mul_pd(blLo, wlLo), _mm_mul_pd(abLo, wrLo));
+        const __m128d cHi = _mm_add_pd(_mm_mul_pd(blHi, wlHi), _mm_mul_pd(abHi, wrHi));
+        // Per lane: take the event when strictly cheaper (min_pd(c, best) is
+        // c < best ? c : best, NaN included).
+        const __m128d ltLo = _mm_cmplt_pd(cLo, bestLo), ltHi = _mm_cmplt_pd(cHi, bestHi);
+        bestLo = _mm_min_pd(cLo, bestLo);
+        bestHi = _mm_min_pd(cHi, bestHi);
+        atLo = _mm_max_pd(atLo, _mm_and_pd(ltLo, stepV));
+        atHi = _mm_max_pd(atHi, _mm_and_pd(ltHi, stepV));
+        stepV = _mm_add_pd(stepV, one);
+    }
+    // The least (price, k) of the four lanes, without a branch: lanes are
+    // compared by price, then by event index k = 4 * step + lane.
+    const __m128d four = _mm_set1_pd(4.0);
+    __m128d kLo = _mm_add_pd(_mm_mul_pd(atLo, four), _mm_setr_pd(0.0, 1.0));
+    const __m128d kHi = _mm_add_pd(_mm_mul_pd(atHi, four), _mm_setr_pd(2.0, 3.0));
+    __m128d takeHi = _mm_or_pd(_mm_cmplt_pd(bestHi, bestLo),
+                               _mm_and_pd(_mm_cmpeq_pd(bestHi, bestLo), _mm_cmplt_pd(kHi, kLo)));
+    bestLo = _mm_or_pd(_mm_and_pd(takeHi, bestHi), _mm_andnot_pd(takeHi, bestLo));
+    kLo = _mm_or_pd(_mm_and_pd(takeHi, kHi), _mm_andnot_pd(takeHi, kLo));
+    const __m128d best1 = _mm_unpackhi_pd(bestLo, bestLo), k1 = _mm_unpackhi_pd(kLo, kLo);
+    takeHi = _mm_or_pd(_mm_cmplt_sd(best1, bestLo), _mm_and_pd(_mm_cmpeq_sd(best1, bestLo), _mm_cmplt_sd(k1, kLo)));
+    double best = _mm_cvtsd_f64(_mm_or_pd(_mm_and_pd(takeHi, best1), _mm_andnot_pd(takeHi, bestLo)));
+    int at = static_cast<int>(_mm_cvtsd_f64(_mm_or_pd(_mm_and_pd(takeHi, k1), _mm_andnot_pd(takeHi, kLo))));
+    // The last events (fewer than four), later than every lane's.
+    int starts = _mm_cvtsi128_si32(before);
+    for (; k < len; ++k) {
+        const int start = ownItemKind(it[k]) == kKindStart;
+        const double c = ownPrice(ownKeyFloat(ownItemKey(it[k])), la, ha, K, starts, m - (k + 1 - starts - start));
+        if (c < best) {
+            best = c;
+            at = k;
+        }
+        starts += start;
+    }
+    r->pos = ownKeyFloat(ownItemKey(it[at]));
+    r->numLower = -1;
+    r->numUpper = -1;
+    r->planeSideUpper = 1;
+    return best;
+}
+
+// The counts of a position found by the vector sweep (an axis without
+// planar triangles): triangles starting strictly below it, ending strictly
+// above it.
+void ownCountSides(const OwnAxisEvents& ev, float pos, int* pLower, int* pUpper) {
+    const std::uint32_t key = ownKey(pos);
+    const std::uint64_t* it = ev.pItems;
+    const int len = 2 * ev.numExtended;
+    int lower = 0, endsUpTo = 0;
+    for (int k = 0; k < len && ownItemKey(it[k]) <= key; ++k) {
+        const int start = ownItemKind(it[k]) == kKindStart;
+        lower += start & (ownItemKey(it[k]) < key);
+        endsUpTo += 1 - start;
+    }
+    *pLower = lower;
+    *pUpper = ev.numExtended - endsUpTo;
 }
 
 // The search along axis a. Costs are written as (eu + ev) times a sum over the
@@ -237,22 +344,24 @@ void ownSearchAxis(int a, const float lo[3], const float hi[3], double leafCost,
     const double area = eu * ev2;
     const double K = area < kAreaTermLimit ? 0.0 : area / (eu + ev2);
 
-    // The candidates: starts and ends of the m triangles with extent along
-    // a, and the p coordinates of triangles flat in a, all sorted.
+    // The events: ends and starts of the m triangles with extent along a,
+    // and the p coordinates of triangles flat in a, all in one sorted list.
     const int m = ev.numExtended, p = ev.numPlanar;
-    const std::uint32_t* S = ev.pStart;
-    const std::uint32_t* E = ev.pEnd;
-    const std::uint32_t* P = ev.pPlanar;
+    const std::uint64_t* it = ev.pItems;
+    const int len = 2 * m + p;
 
     // Empty-space cuts: the gap below the first candidate or above the last
-    // must exceed a tenth of the node's extent.
+    // must exceed a tenth of the node's extent. The first item is the
+    // smallest start or planar value (every end lies above its own start),
+    // the last the largest end or planar value; without triangles with
+    // extent, the node's bounds take the place of the starts and ends.
     const int total = m + p;
-    float first = m > 0 ? ownKeyFloat(S[0]) : lo[a];
-    float last = m > 0 ? ownKeyFloat(E[m - 1]) : hi[a];
-    if (p > 0) {
-        const float pFirst = ownKeyFloat(P[0]), pLast = ownKeyFloat(P[p - 1]);
-        if (pFirst < first) first = pFirst;
-        if (pLast > last) last = pLast;
+    const float fFirst = ownKeyFloat(ownItemKey(it[0])), fLast = ownKeyFloat(ownItemKey(it[len - 1]));
+    float first = m > 0 ? fFirst : lo[a];
+    float last = m > 0 ? fLast : hi[a];
+    if (m == 0) {
+        if (fFirst < first) first = fFirst;
+        if (fLast > last) last = fLast;
     }
     const float margin = kEmptyMargin * w;
     bool empty = false;
@@ -282,8 +391,16 @@ void ownSearchAxis(int a, const float lo[3], const float hi[3], double leafCost,
         return;
     }
 
-    r->cost = (eu + ev2) * (p > 0 ? ownSweepPlanar(S, E, P, m, p, lo[a], hi[a], K, r)
-                                  : ownSweepExtended(S, E, m, lo[a], hi[a], K, r));
+    // One predicate chooses: the vector sweep needs four events (m >= 2) and
+    // no planar ones; it finds the same cost and position as the scalar one.
+    double sum;
+    if (p > 0)
+        sum = ownSweepPlanar(it, m, p, lo[a], hi[a], K, r);
+    else if (m >= 2)
+        sum = ownSweepExtendedSse2(it, m, lo[a], hi[a], K, r);
+    else
+        sum = ownSweepExtended(it, m, lo[a], hi[a], K, r);
+    r->cost = (eu + ev2) * sum;
 }
 
 // The three axes of a small node, one after the other on the calling thread.
@@ -308,40 +425,31 @@ void localFindBestSplitSortSearch_MT(int n, const float lo[3], const float hi[3]
     for (int a = 0; a < 3; ++a) ownSearchAxis(a, lo, hi, leafCost, ev[a], &res[a]);
 }
 
-// Sorts n items and stores their keys and indices apart.
-void ownSortAndStore(std::uint64_t* items, std::uint64_t* tmp, int n, std::uint32_t* keys, std::uint32_t* index) {
-    const std::uint64_t* r = ownSortItems(items, tmp, n);
-    for (int i = 0; i < n; ++i) {
-        keys[i] = ownItemKey(r[i]);
-        index[i] = static_cast<std::uint32_t>(r[i]);
+// Appends the item of one kind that entry c gives along axis a (if any):
+// ends and starts of a triangle with extent, the value of a flat one.
+inline void ownPushItem(std::uint64_t* x, int& count, const OwnTriEntry& c, int a, std::uint32_t kind, int index) {
+    const float s = c.lo[a], t = c.hi[a];
+    if (kind == kKindPlanar) {
+        if (s == t) x[count++] = ownItem(s, kind, index);
+    } else if (s != t) {
+        x[count++] = ownItem(kind == kKindEnd ? t : s, kind, index);
     }
 }
 
-// The root's lists of one axis, built in entry order and sorted once.
+// The root's list of one axis: its items made kind by kind, each in entry
+// order (so their lower 32 bits ascend), then sorted once.
 void ownAxisEventsInit(const OwnEventStore& st, int a, const OwnTriEntry* e, int n, int* numExtended) {
-    std::uint64_t* S = st.pScratch[0];
-    std::uint64_t* E = st.pScratch[1];
-    std::uint64_t* P = st.pScratch[2];
-    std::uint64_t* T = st.pScratch[3];
-    int m = 0, p = 0;
-    for (int i = 0; i < n; ++i) {
-        const float s = e[i].lo[a], t = e[i].hi[a];
-        if (s != t) {
-            S[m] = ownItem(s, i);
-            E[m] = ownItem(t, i);
-            ++m;
-        } else {
-            P[p++] = ownItem(s, i);
-        }
-    }
-    ownSortAndStore(S, T, m, st.pKey[0][a], st.pIndex[0][a]);
-    ownSortAndStore(E, T, m, st.pEndKey[0][a], st.pEndIndex[0][a]);
-    ownSortAndStore(P, T, p, st.pKey[0][a] + m, st.pIndex[0][a] + m);
-    *numExtended = m;
+    std::uint64_t* x = st.pScratch[0];
+    int len = 0;
+    for (std::uint32_t kind : {kKindEnd, kKindPlanar, kKindStart})
+        for (int i = 0; i < n; ++i) ownPushItem(x, len, e[i], a, kind, i);
+    const std::uint64_t* r = ownSortItems(x, st.pScratch[2], len);
+    std::memcpy(st.pItems[0][a], r, static_cast<std::size_t>(len) * sizeof *r);
+    *numExtended = len - n;  // 2m + p items for m + p = n triangles
 }
 
-// One list of one axis of a split: the parent's list, read once, is filtered
-// into the two children's, which lie in the same output arrays from
+// The list of one axis of a split: the parent's list, read once, is filtered
+// into the two children's, which lie in the same output array from
 // positions `startL` and `startU`. Each item of a one-sided entry is
 // renumbered for its child and keeps its place in the order (its extent is
 // unchanged); the straddlers' new items (sorted, in `strL` and `strU`, each
@@ -349,119 +457,94 @@ void ownAxisEventsInit(const OwnEventStore& st, int a, const OwnTriEntry* e, int
 // straddler items (kMerge = false) the loop is a plain filter.
 // Returns the end positions.
 template <bool kMerge>
-void ownFilterList(const std::uint32_t* key, const std::uint32_t* index, int len, const std::int32_t* side,
-                   const std::uint64_t* strL, const std::uint64_t* strU, std::uint32_t* outKey,
-                   std::uint32_t* outIndex, int startL, int startU, int* pEndL, int* pEndU) {
+void ownFilterList(const std::uint64_t* in, int len, const std::int32_t* side, const std::uint64_t* strL,
+                   const std::uint64_t* strU, std::uint64_t* out, int startL, int startU, int* pEndL, int* pEndU) {
     const std::uint64_t* sL = strL;
     const std::uint64_t* sU = strU;
-    // The keys of the next straddler item of each side, kept at hand: most
-    // items pass with one 32-bit comparison.
-    std::uint32_t nextL = ownItemKey(*sL), nextU = ownItemKey(*sU);
+    // The next straddler item of each side, kept at hand: most items pass
+    // with one comparison.
+    std::uint64_t nextL = *sL, nextU = *sU;
     int posL = startL, posU = startU;
     for (int k = 0; k < len; ++k) {
-        const std::int32_t code = side[index[k]];
+        const std::uint64_t it = in[k];
+        const std::int32_t code = side[static_cast<std::uint32_t>(it) & kIndexMask];
         if (code < 0) continue;
-        const std::uint32_t kk = key[k];
-        const std::uint32_t ni = static_cast<std::uint32_t>(code & 0x3FFFFFFF);
+        const std::uint64_t item = (it & ~static_cast<std::uint64_t>(kIndexMask)) |
+                                   static_cast<std::uint32_t>(code & static_cast<std::int32_t>(kIndexMask));
         const int u = code >> 30;
-        // Straddler items that sort before this one go first. The keys
-        // decide but for ties, so the whole item is formed only when the
-        // next straddler's key does not lie above this one's.
-        if (kMerge && (u ? nextU : nextL) <= kk) {
-            const std::uint64_t item = (static_cast<std::uint64_t>(kk) << 32) | ni;
+        // Straddler items that sort before this one go first.
+        if (kMerge && (u ? nextU : nextL) < item) {
             if (u) {
-                for (; *sU < item; ++sU, ++posU) {
-                    outKey[posU] = ownItemKey(*sU);
-                    outIndex[posU] = static_cast<std::uint32_t>(*sU);
-                }
-                nextU = ownItemKey(*sU);
+                for (; *sU < item; ++sU) out[posU++] = *sU;
+                nextU = *sU;
             } else {
-                for (; *sL < item; ++sL, ++posL) {
-                    outKey[posL] = ownItemKey(*sL);
-                    outIndex[posL] = static_cast<std::uint32_t>(*sL);
-                }
-                nextL = ownItemKey(*sL);
+                for (; *sL < item; ++sL) out[posL++] = *sL;
+                nextL = *sL;
             }
         }
-        const int at = u ? posU : posL;
-        outKey[at] = kk;
-        outIndex[at] = ni;
+        out[u ? posU : posL] = item;
         posU += u;
         posL += 1 - u;
     }
     if (kMerge) {
-        for (; *sL != kSentinel; ++sL, ++posL) {
-            outKey[posL] = ownItemKey(*sL);
-            outIndex[posL] = static_cast<std::uint32_t>(*sL);
-        }
-        for (; *sU != kSentinel; ++sU, ++posU) {
-            outKey[posU] = ownItemKey(*sU);
-            outIndex[posU] = static_cast<std::uint32_t>(*sU);
-        }
+        for (; *sL != kSentinel; ++sL) out[posL++] = *sL;
+        for (; *sU != kSentinel; ++sU) out[posU++] = *sU;
     }
     *pEndL = posL;
     *pEndU = posU;
 }
 
-// The same, choosing the loop by whether there are straddler items.
-void ownFilterList(const std::uint32_t* key, const std::uint32_t* index, int len, const std::int32_t* side,
-                   const std::uint64_t* strL, const std::uint64_t* strU, std::uint32_t* outKey,
-                   std::uint32_t* outIndex, int startL, int startU, int* pEndL, int* pEndU) {
-    if (*strL == kSentinel && *strU == kSentinel)
-        ownFilterList<false>(key, index, len, side, strL, strU, outKey, outIndex, startL, startU, pEndL, pEndU);
-    else
-        ownFilterList<true>(key, index, len, side, strL, strU, outKey, outIndex, startL, startU, pEndL, pEndU);
-}
-
-// One axis of a split.
+// One axis of a split. The lower child's list goes to [2 * base, ...) of the
+// other buffer, the upper child's (whose entries start at base + nl) to
+// [2 * (base + nl), ...).
 void ownAxisEventsSplit(const OwnEventStore& st, int buffer, int a, std::int64_t base, int n, int m,
                         const OwnTriEntry* e, int nl, int ns, int* pLowerM, int* pUpperM) {
     const std::int32_t* li = st.pLowerIndex;
     const std::int32_t* ui = st.pUpperIndex;
-    const std::int32_t* side = st.pSide;
-    const int p = n - m;
-    const int nb = buffer ^ 1;
+    const int nu = n + ns - nl;
 
-    // The straddlers' new items (lower S, E, P; upper S, E, P), made in
-    // parent order so their new indices ascend in each list, then sorted.
-    std::uint64_t* const* x = st.pScratch;
-    int cnt[6] = {0, 0, 0, 0, 0, 0};
-    for (int i = 0; i < ns; ++i) {
-        for (int up = 0; up < 2; ++up) {
-            const int idx = up == 0 ? li[i] : ui[i];
-            const OwnTriEntry& c = e[up == 0 ? idx : nl + idx];
-            const float s = c.lo[a], t = c.hi[a];
-            const int slot = 3 * up;
-            if (s != t) {
-                x[slot][cnt[slot]++] = ownItem(s, idx);
-                x[slot + 1][cnt[slot + 1]++] = ownItem(t, idx);
-            } else {
-                x[slot + 2][cnt[slot + 2]++] = ownItem(s, idx);
-            }
+    // The straddlers' new items of each child, made kind by kind in parent
+    // order (so their lower 32 bits ascend), then sorted and closed by a
+    // sentinel.
+    std::uint64_t* xl = st.pScratch[0];
+    std::uint64_t* xu = st.pScratch[1];
+    int cl = 0, cu = 0;
+    for (std::uint32_t kind : {kKindEnd, kKindPlanar, kKindStart})
+        for (int i = 0; i < ns; ++i) {
+            ownPushItem(xl, cl, e[li[i]], a, kind, li[i]);
+            ownPushItem(xu, cu, e[nl + ui[i]], a, kind, ui[i]);
         }
-    }
-    for (int slot = 0; slot < 6; ++slot) {
-        ownSortItemsInPlace(x[slot], x[6], cnt[slot]);
-        x[slot][cnt[slot]] = kSentinel;
-    }
+    ownSortItemsInPlace(xl, st.pScratch[2], cl);
+    ownSortItemsInPlace(xu, st.pScratch[2], cu);
+    xl[cl] = kSentinel;
+    xu[cu] = kSentinel;
 
-    // Starts and planar values share their arrays (each child's starts, then
-    // its planar values); the ends have their own.
-    const std::uint32_t* K = st.pKey[buffer][a] + base;
-    const std::uint32_t* I = st.pIndex[buffer][a] + base;
-    std::uint32_t* oK = st.pKey[nb][a] + base;
-    std::uint32_t* oI = st.pIndex[nb][a] + base;
-    int mL, mU, eL, eU, pL, pU;
-    ownFilterList(K, I, m, side, x[0], x[3], oK, oI, 0, nl, &mL, &mU);
-    mU -= nl;
-    ownFilterList(st.pEndKey[buffer][a] + base, st.pEndIndex[buffer][a] + base, m, side, x[1], x[4],
-                  st.pEndKey[nb][a] + base, st.pEndIndex[nb][a] + base, 0, nl, &eL, &eU);
-    ownFilterList(K + m, I + m, p, side, x[2], x[5], oK, oI, mL, nl + mU, &pL, &pU);
-    *pLowerM = mL;
-    *pUpperM = mU;
+    const std::uint64_t* in = st.pItems[buffer][a] + 2 * base;
+    std::uint64_t* out = st.pItems[buffer ^ 1][a] + 2 * base;
+    int endL, endU;
+    if (cl == 0 && cu == 0)
+        ownFilterList<false>(in, m + n, st.pSide, xl, xu, out, 0, 2 * nl, &endL, &endU);
+    else
+        ownFilterList<true>(in, m + n, st.pSide, xl, xu, out, 0, 2 * nl, &endL, &endU);
+    // A child of c triangles of which m' have extent has 2m' + (c - m') items.
+    *pLowerM = endL - nl;
+    *pUpperM = endU - 2 * nl - nu;
 }
 
 }  // namespace
+
+std::uint64_t ownEventItem(float f, bool start, int index) { return ownItem(f, start ? kKindStart : kKindEnd, index); }
+
+OwnSweep ownSweepWithoutPlanar(const std::uint64_t* items, int m, float la, float ha, double K, bool vector) {
+    OwnAxisResult r{};
+    OwnSweep out{};
+    out.sum = vector ? ownSweepExtendedSse2(items, m, la, ha, K, &r) : ownSweepExtended(items, m, la, ha, K, &r);
+    out.pos = r.pos;
+    out.numLower = r.numLower;
+    out.numUpper = r.numUpper;
+    if (vector) ownCountSides(OwnAxisEvents{items, m, 0}, r.pos, &out.numLower, &out.numUpper);
+    return out;
+}
 
 bool ownFindSplit(int n, const float lo[3], const float hi[3], float costFactor, const OwnAxisEvents events[3],
                   OwnSplit* pSplit) {
@@ -486,6 +569,7 @@ bool ownFindSplit(int n, const float lo[3], const float hi[3], float costFactor,
         best = res[1].cost < res[2].cost ? 1 : 2;
 
     if (!(static_cast<double>(n) * (leafCost - res[best].cost) > threshold)) return false;
+    if (res[best].numLower < 0) ownCountSides(events[best], res[best].pos, &res[best].numLower, &res[best].numUpper);
     pSplit->axis = best;
     pSplit->pos = res[best].pos;
     pSplit->numLower = res[best].numLower;
