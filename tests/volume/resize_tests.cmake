@@ -1,2 +1,1 @@
-vekr_add_test(test_resize COMPONENTS core resize SOURCES
-  volume/resize_geometry_test.cpp volume/resize_test.cpp volume/volume_testutil.h)
+vekr_add_test(test_resize COMPONENTS core resize SOURCES volume/resize_test.cpp volume/volume_testutil.h)

@@ -2,7 +2,7 @@
 // block and the scattered-plane layouts, canaries over volumes, random and
 // special-value fills, the thread-count guard, and a double-precision
 // sampler written from the kernel formulas, independent of the library's
-// weight code.
+// weight code, with the check that holds a whole result against it.
 #ifndef VEKR_TESTS_VOLUME_VOLUME_TESTUTIL_H
 #define VEKR_TESTS_VOLUME_VOLUME_TESTUTIL_H
 
@@ -12,6 +12,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -22,6 +23,13 @@
 namespace vv {
 
 using ElementTypes = ::testing::Types<std::uint8_t, std::uint16_t, float>;
+
+// The one of an operation's entry points f8, f16, f32 (8u, 16u, 32f) that takes T.
+template <class T, class F8, class F16, class F32>
+auto pick(F8 f8, F16 f16, F32 f32) {
+    constexpr std::size_t i = std::is_integral<T>::value ? sizeof(T) / 2 : 2;
+    return std::get<i>(std::make_tuple(f8, f16, f32));
+}
 
 // Sets the thread count for a scope (n > 0) and restores the old one.
 class ThreadCount {
@@ -48,6 +56,10 @@ template <class T>
 int padTo16(int w) {
     return (((w * int(sizeof(T)) + 15) & ~15) - w * int(sizeof(T))) / int(sizeof(T));
 }
+
+// Cuboids with one bad field each, in the order x, width, y, height, z, depth.
+inline const VekrCuboid kBadCuboids[6] = {{-1, 0, 0, 1, 1, 1}, {0, 0, 0, 0, 1, 1},  {0, -1, 0, 1, 1, 1},
+                                          {0, 0, 0, 1, 0, 1},  {0, 0, -1, 1, 1, 1}, {0, 0, 0, 1, 1, 0}};
 
 // A volume of w x h x d voxels, rows padX voxels longer than needed and planes
 // padY rows higher, so steps differ from the packed ones. In the block layout
@@ -82,8 +94,6 @@ public:
     }
     T& at(int x, int y, int z) { return *ptr(x, y, z); }
     const T& at(int x, int y, int z) const { return *ptr(x, y, z); }
-    T& operator()(int x, int y, int z) { return *ptr(x, y, z); }
-    T operator()(int x, int y, int z) const { return *ptr(x, y, z); }
     T* base() { return planes_[0]; }  // the block layout's first voxel
     T* const* planes() { return planes_.data(); }
     const T* const* cplanes() const { return const_cast<const T* const*>(planes_.data()); }
@@ -155,21 +165,15 @@ Vol<T> planarVol(int w, int h, int d, std::size_t offsetBytes = 0) {
     return Vol<T>(w, h, d, offsetBytes, padTo16<T>(w) + 16 / int(sizeof(T))).scattered(16);
 }
 
-// Values from the generator in [lo, hi) (whole numbers for integer types).
+// Values from the generator in [lo, hi) (whole numbers for integer types);
+// by default the whole range of integer types, [-20, 280) for floats.
 template <class T>
-T randomValue(vt::Rng& rng, float lo, float hi) {
-    const float f = rng.uniform(lo, hi);
-    return static_cast<T>(std::is_integral<T>::value ? std::floor(f) : f);
-}
-template <class T>
-void fillRandom(Vol<T>& v, vt::Rng& rng, float lo, float hi) {
-    v.fill([&](int, int, int) { return randomValue<T>(rng, lo, hi); });
-}
-// The whole range of integer types, [-20, 280) for floats.
-template <class T>
-void fillRandom(Vol<T>& v, vt::Rng& rng) {
-    fillRandom(v, rng, std::is_integral<T>::value ? 0.0f : -20.0f,
-               std::is_integral<T>::value ? float(std::numeric_limits<T>::max()) + 1 : 280.0f);
+void fillRandom(Vol<T>& v, vt::Rng& rng, float lo = std::is_integral<T>::value ? 0.0f : -20.0f,
+                float hi = std::is_integral<T>::value ? float(std::numeric_limits<T>::max()) + 1 : 280.0f) {
+    v.fill([&](int, int, int) {
+        const float f = rng.uniform(lo, hi);
+        return std::is_integral<T>::value ? std::floor(f) : f;
+    });
 }
 
 // Float volumes get the special values the kernels must carry through
@@ -206,85 +210,69 @@ inline double refKernel(int code, double x) {
     return 0;
 }
 
-// Taps and weights of one axis for a coordinate c inside [lo, hi].
-inline void refTaps(int code, double c, int lo, int hi, std::vector<int>& idx, std::vector<double>& w) {
-    idx.clear();
-    w.clear();
-    const int i = static_cast<int>(std::floor(c));
-    const double t = c - i;
-    if (code == 2) {
-        int i0 = i, i1 = i + 1;
-        double t0 = t;
-        if (i0 >= hi && hi > lo) i0 = hi - 1, i1 = hi, t0 = c - i0;
-        if (i1 > hi) i1 = hi;
-        idx = {i0, i1};
-        w = {1 - t0, t0};
-        return;
-    }
-    for (int j = -1; j <= 2; ++j) {
-        idx.push_back(std::min(std::max(i + j, lo), hi));
-        w.push_back(refKernel(code, t - j));
-    }
-}
+// The inclusive source box lo..hi that a resampling reads; dims 2 samples
+// plane 0 only and ignores z.
+struct Box {
+    int lo[3], hi[3];
+    int dims = 3;
+};
 
-// The interpolated value (linear or cubic code) at (x, y, z) of a volume
-// inside the inclusive box lo..hi, in double; dims 2 reads plane 0 only.
+// The interpolated value (linear or cubic code) at point p, in double: the
+// tensor product of each axis's weights over the taps floor(c) + j (j 0, 1
+// linear, -1 .. 2 cubic), each tap moved to the nearest voxel of the box.
 template <class T>
-double refSample(const Vol<T>& v, int code, const int lo[3], const int hi[3], double x, double y, double z,
-                 int dims = 3) {
-    std::vector<int> ix, iy, iz{0};
-    std::vector<double> wx, wy, wz{1.0};
-    refTaps(code, x, lo[0], hi[0], ix, wx);
-    refTaps(code, y, lo[1], hi[1], iy, wy);
-    if (dims == 3) refTaps(code, z, lo[2], hi[2], iz, wz);
+double refSample(const Vol<T>& v, int code, const Box& box, const double p[3]) {
+    const int n = code == 2 ? 2 : 4;
+    int idx[3][4] = {};
+    double w[3][4] = {{1}, {1}, {1}};
+    for (int a = 0; a < box.dims; ++a) {
+        const int i = static_cast<int>(std::floor(p[a]));
+        const double t = p[a] - i;
+        for (int j = 0; j < n; ++j) {
+            idx[a][j] = std::min(std::max(i + j - (n == 4), box.lo[a]), box.hi[a]);
+            w[a][j] = n == 2 ? (j ? t : 1 - t) : refKernel(code, t + 1 - j);
+        }
+    }
     double sum = 0;
-    for (std::size_t c = 0; c < iz.size(); ++c)
-        for (std::size_t b = 0; b < iy.size(); ++b)
-            for (std::size_t a = 0; a < ix.size(); ++a)
-                sum += wz[c] * wy[b] * wx[a] * static_cast<double>(v.at(ix[a], iy[b], iz[c]));
+    for (int c = 0; c < (box.dims == 3 ? n : 1); ++c)
+        for (int b = 0; b < n; ++b)
+            for (int a = 0; a < n; ++a)
+                sum += w[2][c] * w[1][b] * w[0][a] * double(v.at(idx[0][a], idx[1][b], idx[2][c]));
     return sum;
 }
 
-// The largest acceptable distance between a stored result and the double
-// reference. Integer results round to nearest: half a unit, plus the float
-// error of the weighted sum before rounding (a few units of 2^-24 of the
-// largest voxel per operation, some twenty operations for 64 taps: 0.002 for
-// 8u, 0.05 for 16u). Float results of values up to 300 carry the same float
-// error (2e-3).
-template <class T>
-inline double refTolerance() {
-    if (std::is_floating_point<T>::value) return 2e-3;
-    return sizeof(T) == 1 ? 0.5 + 2e-3 : 0.5 + 5e-2;
-}
-
-// The reference value clamped to what the element type can hold.
-template <class T>
-inline double refStored(double v) {
-    if (std::is_floating_point<T>::value) return v;
-    const double top = std::numeric_limits<T>::max();
-    return v < 0 ? 0 : (v > top ? top : v);
-}
+// How a resampling treats the source box and nearest ties. Remap and warp
+// leave a voxel whose point lies outside the box alone and round a nearest
+// tie to even; resize samples every point with its taps moved into the box
+// and sends a nearest tie to the lower voxel.
+enum class Rule { Remap, Resize };
 
 // Checks every voxel of dst after a resampling of src with `code` into a
 // volume that held `before`. point(x, y, z, p) says whether the destination
-// voxel is to be written and where it samples the source; points inside the
-// box lo..hi (x and y only for dims 2) must hold the nearest voxel (ties to
-// even) or the reference within refTolerance, all others their old value.
-// Points within `slack` of a box face or (nearest) a rounding tie are
-// skipped. `inside` counts the points checked against the source.
+// voxel is to be written and where it samples the source; the points to
+// sample must hold the nearest voxel or the reference (clamped to what T
+// holds) within a tolerance, all others their old value. Points within
+// `slack` of a box face or (nearest) a rounding tie are skipped. `inside`
+// counts the points checked against the source.
 template <class T, class P>
 ::testing::AssertionResult Resampled(const Vol<T>& src, const Vol<T>& dst, const Vol<T>& before, int code,
-                                     const int lo[3], const int hi[3], P point, int* inside = nullptr,
-                                     int dims = 3, double slack = 0) {
+                                     const Box& box, P point, int* inside = nullptr, double slack = 0,
+                                     Rule rule = Rule::Remap) {
+    // Integer results round to nearest: half a unit, plus the float error of
+    // the weighted sum before rounding (a few units of 2^-24 of the largest
+    // voxel per operation, some twenty operations for 64 taps: 0.002 for 8u,
+    // 0.05 for 16u). Float results of values up to 300 carry the same float
+    // error (2e-3).
+    const double tol = std::is_floating_point<T>::value ? 2e-3 : sizeof(T) == 1 ? 0.5 + 2e-3 : 0.5 + 5e-2;
     int n = 0;
     for (int z = 0; z < dst.d; ++z)
         for (int y = 0; y < dst.h; ++y)
             for (int x = 0; x < dst.w; ++x) {
                 double p[3] = {0, 0, 0};
                 bool in = point(x, y, z, p), near = false;
-                for (int a = 0; a < dims; ++a) {
-                    in = in && p[a] >= lo[a] && p[a] <= hi[a];
-                    near = near || std::fabs(p[a] - lo[a]) < slack || std::fabs(p[a] - hi[a]) < slack ||
+                for (int a = 0; a < box.dims; ++a) {
+                    in = in && (rule == Rule::Resize || (p[a] >= box.lo[a] && p[a] <= box.hi[a]));
+                    near = near || std::fabs(p[a] - box.lo[a]) < slack || std::fabs(p[a] - box.hi[a]) < slack ||
                            (code == 1 && std::fabs(p[a] - std::floor(p[a]) - 0.5) < slack);
                 }
                 if (near) continue;
@@ -299,12 +287,18 @@ template <class T, class P>
                 }
                 ++n;
                 if (code == 1) {
-                    const T want = src.at(int(std::nearbyint(p[0])), int(std::nearbyint(p[1])),
-                                          dims == 3 ? int(std::nearbyint(p[2])) : 0);
+                    int idx[3] = {0, 0, 0};
+                    for (int a = 0; a < box.dims; ++a) {
+                        const double r = rule == Rule::Remap ? std::nearbyint(p[a]) : std::ceil(p[a] - 0.5);
+                        idx[a] = static_cast<int>(std::min(std::max(r, double(box.lo[a])), double(box.hi[a])));
+                    }
+                    const T want = src.at(idx[0], idx[1], idx[2]);
                     if (!vt::SameBits(&got, &want, 1)) return fail() << double(got) << " vs nearest " << double(want);
                 } else {
-                    const double want = refStored<T>(refSample(src, code, lo, hi, p[0], p[1], p[2], dims));
-                    if (!(std::fabs(double(got) - want) <= refTolerance<T>()))
+                    double want = refSample(src, code, box, p);
+                    if (std::is_integral<T>::value)
+                        want = std::min(std::max(want, 0.0), double(std::numeric_limits<T>::max()));
+                    if (!(std::fabs(double(got) - want) <= tol))
                         return fail() << double(got) << " vs reference " << want;
                 }
             }
