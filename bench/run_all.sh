@@ -7,7 +7,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 bash tools/setup.sh
-for t in x86_64 i386; do bash tools/build.sh "$t" -DVEKR_BUILD_TESTS=OFF >/dev/null; done
+for t in x86_64 i386; do bash tools/build.sh "$t" -DVEKR_BUILD_TESTS=OFF -DVEKR_BUILD_BENCH=ON >/dev/null; done
 b64=$root/build-x86_64 b32=$root/build-i386
 families=("$@")
 [ ${#families[@]} -gt 0 ] || families=(scene raytrace shading sh resize remap filter)
