@@ -3,6 +3,7 @@
 // normals with the barycentric hit coordinates, and per-triangle normals of a mesh.
 #include <cmath>
 #include <cstdint>
+#include <type_traits>
 
 #include "shading/lane.h"
 
@@ -59,10 +60,16 @@ const std::int32_t kZeroRow[3] = {0, 0, 0};
 template <class IO>
 OWN_LANE void ownFlatNormal(IO, int i, const float* triNorm, const std::int32_t* triIndex, float* const* norm) {
     typename IO::F n[3];
-    IO::gather3(n, [&](int k) {
-        const std::int32_t t = triIndex[i + k];
-        return IO::pick(t, triNorm, 3 * static_cast<std::ptrdiff_t>(t), kZeroNormal);
-    });
+    auto gather = [&](auto allHit) OWN_KERNEL {
+        IO::gather3(n, [&](int k) {
+            const std::int32_t t = triIndex[i + k];
+            return IO::template pick<allHit.value>(t, triNorm, 3 * static_cast<std::ptrdiff_t>(t), kZeroNormal);
+        });
+    };
+    if (IO::allHit(IO::loadI(triIndex + i)))
+        gather(std::true_type{});
+    else
+        gather(std::false_type{});
     IO::store(norm[0] + i, n[0]);
     IO::store(norm[1] + i, n[1]);
     IO::store(norm[2] + i, n[2]);
@@ -79,22 +86,29 @@ OWN_LANE void ownSmoothNormal(IO, int i, const float* vertNorm, const std::int32
                               const std::int32_t* triIndex, const float* const* uv, float* const* norm, int triStride) {
     using F = typename IO::F;
     using M = typename IO::M;
-    // The vertex normal `corner` (0, 1, 2) of lane k's triangle; a miss reads
-    // its index from kZeroRow and its normal from kZeroNormal.
-    auto vertexOf = [&](int k, int corner) OWN_KERNEL {
-        const std::int32_t t = triIndex[i + k];
-        // t*triStride is an int32 product; wrap it like one instead of overflowing.
-        const std::ptrdiff_t b =
-            static_cast<std::int32_t>(static_cast<std::uint32_t>(t) * static_cast<std::uint32_t>(triStride));
-        const std::int32_t* row = IO::pick(t, triVert, b, kZeroRow);
-        return IO::pick(t, vertNorm, 3 * static_cast<std::ptrdiff_t>(row[corner]), kZeroNormal);
-    };
     F nA[3], nB[3], nC[3];
-    IO::gather3(nA, [&](int k) OWN_KERNEL { return vertexOf(k, 0); });
-    IO::gather3(nB, [&](int k) OWN_KERNEL { return vertexOf(k, 1); });
-    IO::gather3(nC, [&](int k) OWN_KERNEL { return vertexOf(k, 2); });
-
+    auto gather = [&](auto allHit) OWN_KERNEL {
+        // The vertex normal `corner` (0, 1, 2) of lane k's triangle; a miss
+        // reads its index from kZeroRow and its normal from kZeroNormal.
+        auto vertexOf = [&](int k, int corner) OWN_KERNEL {
+            const std::int32_t t = triIndex[i + k];
+            // t*triStride is an int32 product; wrap it like one instead of overflowing.
+            const std::ptrdiff_t b =
+                static_cast<std::int32_t>(static_cast<std::uint32_t>(t) * static_cast<std::uint32_t>(triStride));
+            const std::int32_t* row = IO::template pick<allHit.value>(t, triVert, b, kZeroRow);
+            return IO::template pick<allHit.value>(t, vertNorm, 3 * static_cast<std::ptrdiff_t>(row[corner]),
+                                                   kZeroNormal);
+        };
+        IO::gather3(nA, [&](int k) OWN_KERNEL { return vertexOf(k, 0); });
+        IO::gather3(nB, [&](int k) OWN_KERNEL { return vertexOf(k, 1); });
+        IO::gather3(nC, [&](int k) OWN_KERNEL { return vertexOf(k, 2); });
+    };
     const typename IO::I t = IO::loadI(triIndex + i);
+    if (IO::allHit(t))
+        gather(std::true_type{});
+    else
+        gather(std::false_type{});
+
     const M hitMask = IO::nonNegative(t);
     const F u = IO::load(uv[0] + i), v = IO::load(uv[1] + i);
     const F w = (F(1.0f) - u) - v;

@@ -120,10 +120,13 @@ struct ownLane1 {
     static OWN_LANE M nonNegative(I x) { return x >= 0; }
     // float(i), the position of the ray in its row.
     static OWN_LANE F index(int i) { return static_cast<float>(i); }
+    // True when the ray has a hit (t >= 0).
+    static OWN_LANE bool allHit(I t) { return t >= 0; }
     // The address of a gathered row: base + offset for t >= 0, else none.
-    template <class T>
+    // kAllHit says that allHit() held for the ray's packet.
+    template <bool kAllHit, class T>
     static OWN_LANE T* pick(std::int32_t t, T* base, std::ptrdiff_t offset, T* none) {
-        return t >= 0 ? base + offset : none;
+        return kAllHit || t >= 0 ? base + offset : none;
     }
     // Three lanes (x, y, z) gathered from per-lane addresses g(k) of three
     // consecutive floats, k = 0 .. kWidth-1. The values are moved, not
@@ -173,18 +176,20 @@ struct ownLane4 {
     static OWN_LANE F index(int i) {
         return ownF4(_mm_cvtepi32_ps(_mm_add_epi32(_mm_set1_epi32(i), _mm_setr_epi32(0, 1, 2, 3))));
     }
-    // The address of a gathered row: base + offset for t >= 0, else none,
-    // chosen by a conditional move. A branch on t would be mispredicted
-    // wherever hits and misses mix, and in a call that streams from memory
-    // each mispredicted branch costs far more than in the cache: with one
-    // ray in ten missing at random, flat normals of 16 Mi rays ran three
-    // times slower with a branch per lane, or per packet with a miss, than
-    // with this choice. (The empty-looking asm also keeps the compiler from
-    // turning the choice back into a branch, which it would do knowing that
-    // `none` holds zeros.) The address of a miss is formed as an integer,
-    // never as an out-of-range pointer, and is not read.
-    template <class T>
+    // True when every lane has a hit (no sign bit set among the four t).
+    static OWN_LANE bool allHit(I t) { return _mm_movemask_ps(_mm_castsi128_ps(t.v)) == 0; }
+    // The address of a gathered row: base + offset for t >= 0, else none.
+    // A packet whose lanes all hit (kAllHit; the common case, as rays that
+    // miss the scene come in runs) forms its addresses directly. In a packet
+    // with a miss each lane chooses by a conditional move rather than a
+    // branch on its t, which would be mispredicted wherever hits and misses
+    // mix. (The asm also keeps the compiler from turning the choice back
+    // into a branch, which it would do knowing that `none` holds zeros.) The
+    // address of a miss is formed as an integer, never as an out-of-range
+    // pointer, and is not read.
+    template <bool kAllHit, class T>
     static OWN_LANE T* pick(std::int32_t t, T* base, std::ptrdiff_t offset, T* none) {
+        if (kAllHit) return base + offset;
         std::uintptr_t p = reinterpret_cast<std::uintptr_t>(base) + static_cast<std::uintptr_t>(offset) * sizeof(T);
         const std::uintptr_t z = reinterpret_cast<std::uintptr_t>(none);
         __asm__("test %2, %2\n\tcmovs %1, %0" : "+r"(p) : "r"(z), "r"(t) : "cc");
