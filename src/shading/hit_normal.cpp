@@ -219,10 +219,7 @@ void ownHitPoints(const Origin& origin, const float* const* pDir, const float* p
     const auto dir = ownPlanes(pDir);
     const auto hit = ownPlanes(pHit);
     auto kernel = [&](auto io, int i) OWN_KERNEL { ownHitPoint(io, i, origin, dir.c, pDist, pMask, hit.c, eps); };
-    if (vector4)
-        ownForEachAligned(count, kernel);
-    else
-        ownForEach<ownLane1>(0, count, kernel);
+    ownForEachPath(vector4, count, kernel);
 }
 
 }  // namespace
@@ -261,10 +258,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrSurfFlatNormal_32f(const float* pTriNorm,
     const bool vector4 = ownIsMultipleOf4(count) && ownAllAligned16(pTriNorm, pTriIndex, pNorm[0], pNorm[1], pNorm[2]);
     const auto norm = ownPlanes(pNorm);
     auto kernel = [&](auto io, int i) OWN_KERNEL { ownFlatNormal(io, i, pTriNorm, pTriIndex, norm.c); };
-    if (vector4)
-        ownForEachAligned(count, kernel);
-    else
-        ownForEach<ownLane1>(0, count, kernel);
+    ownForEachPath(vector4, count, kernel);
     return vekStatusOk;
 }
 
@@ -281,10 +275,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrSurfSmoothNormal_32f(const float* pVertNo
     auto kernel = [&](auto io, int i) OWN_KERNEL {
         ownSmoothNormal(io, i, pVertNorm, pTriVert, pTriIndex, uv, norm.c, triStride);
     };
-    if (vector4)
-        ownForEachAligned(count, kernel);
-    else
-        ownForEach<ownLane1>(0, count, kernel);
+    ownForEachPath(vector4, count, kernel);
     return vekStatusOk;
 }
 

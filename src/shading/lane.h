@@ -270,6 +270,17 @@ OWN_LANE void ownForEachAligned(int count, Kernel&& kernel) {
     }
 }
 
+// The loop of an operation whose vector path wants every array aligned and a
+// count that is a multiple of 4 (`vector4`): that path, or else the scalar
+// rule ray by ray. The one predicate is the caller's.
+template <class Kernel>
+OWN_LANE void ownForEachPath(bool vector4, int count, Kernel&& kernel) {
+    if (vector4)
+        ownForEachAligned(count, kernel);
+    else
+        ownForEach<ownLane1>(0, count, kernel);
+}
+
 // The alignment-peeling loop: single elements until `anchor` + i reaches a
 // 16-byte boundary (only tried when anchor is 4-byte aligned, otherwise it
 // never would), then four at a time with the anchor array aligned and the

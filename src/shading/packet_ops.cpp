@@ -139,10 +139,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrDot_32f_P3C1M(const float* const pSrc1[3]
     const auto a = ownPlanes(pSrc1);
     const auto b = ownPlanes(pSrc2);
     auto kernel = [&](auto io, int i) OWN_KERNEL { ownDot(io, i, a.c, b.c, pMask, pDst); };
-    if (vector4)
-        ownForEachAligned(count, kernel);
-    else
-        ownForEach<ownLane1>(0, count, kernel);
+    ownForEachPath(vector4, count, kernel);
     return vekStatusOk;
 }
 
@@ -155,10 +152,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrDotChangeNorm_32f_IM(const float* const p
     const auto dir = ownPlanes(pDir);
     const auto nrm = ownPlanes(pNormal);
     auto kernel = [&](auto io, int i) OWN_KERNEL { ownDotChangeNorm(io, i, dir.c, pMask, nrm.c, pDot); };
-    if (vector4)
-        ownForEachAligned(count, kernel);
-    else
-        ownForEach<ownLane1>(0, count, kernel);
+    ownForEachPath(vector4, count, kernel);
     return vekStatusOk;
 }
 
@@ -170,10 +164,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrDistAttenuationSO_32f_M(const float pLigh
     const float light[3] = {pLight[0], pLight[1], pLight[2]};
     const auto point = ownPlanes(pPoint);
     auto kernel = [&](auto io, int i) OWN_KERNEL { ownDistAttenuation(io, i, light, point.c, pMask, pDist); };
-    if (vector4)
-        ownForEachAligned(count, kernel);
-    else
-        ownForEach<ownLane1>(0, count, kernel);
+    ownForEachPath(vector4, count, kernel);
     return vekStatusOk;
 }
 
