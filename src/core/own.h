@@ -9,6 +9,15 @@
 #include "vekcore.h"
 #include "vekr.h"
 
+// Exported entry points that run SSE code realign their stack on i386: a
+// caller built for the older 4-byte stack alignment may enter with any
+// multiple of 4, and the aligned spills of __m128 values need 16.
+#if defined(__i386__)
+#define OWN_SSE_ENTRY __attribute__((force_align_arg_pointer))
+#else
+#define OWN_SSE_ENTRY
+#endif
+
 namespace vekr {
 
 // True when p lies on a 16-byte boundary (the condition of every vector path).

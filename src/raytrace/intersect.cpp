@@ -356,7 +356,7 @@ bool ownAnyPacket(const float* origin, const float* const dir[3], int32_t* occlu
 
 using namespace vekr;
 
-extern "C" VEKR_REALIGN_STACK VekStatus vekrIntersectEyeSO_32f(const float* pOrigin, const float* const pDirection[3],
+extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectEyeSO_32f(const float* pOrigin, const float* const pDirection[3],
                                                              float* pDist, float* const pHit[2], int32_t* pTrngl,
                                                              const VekrIntersectContext* pContext, int width,
                                                              int height) {
@@ -370,7 +370,7 @@ extern "C" VEKR_REALIGN_STACK VekStatus vekrIntersectEyeSO_32f(const float* pOri
     return vekStatusOk;
 }
 
-extern "C" VEKR_REALIGN_STACK VekStatus vekrIntersectMO_32f(const float* const pOrigin[3],
+extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectMO_32f(const float* const pOrigin[3],
                                                           const float* const pDirection[3], float* pDist,
                                                           float* const pHit[2], int32_t* pTrngl,
                                                           const VekrIntersectContext* pContext, int width,
@@ -385,7 +385,7 @@ extern "C" VEKR_REALIGN_STACK VekStatus vekrIntersectMO_32f(const float* const p
     return vekStatusOk;
 }
 
-extern "C" VEKR_REALIGN_STACK VekStatus vekrIntersectMultipleSO_32f(const float* pOrigin,
+extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectMultipleSO_32f(const float* pOrigin,
                                                                   const float* const pDirection[3], float* pDist,
                                                                   float* const pHit[2], int32_t* pTrngl, int width,
                                                                   int height, int depth,
@@ -410,7 +410,7 @@ extern "C" VEKR_REALIGN_STACK VekStatus vekrIntersectMultipleSO_32f(const float*
     return vekStatusOk;
 }
 
-extern "C" VEKR_REALIGN_STACK VekStatus vekrIntersectAnySO_32f(const float* pOrigin, const float* const pDirection[3],
+extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectAnySO_32f(const float* pOrigin, const float* const pDirection[3],
                                                              int32_t* pOccluder, int32_t* pMask, int width, int height,
                                                              const VekrIntersectContext* pContext) {
     if (height < 1 || width < 1) return vekStatusOk;

@@ -21,14 +21,6 @@
 
 #include "core/own.h"
 
-// The entry points keep SSE values on the stack; on i386 a caller may enter
-// with a stack aligned to 4 bytes only, so they realign it themselves.
-#if defined(__i386__)
-#define VEKR_REALIGN_STACK __attribute__((force_align_arg_pointer))
-#else
-#define VEKR_REALIGN_STACK
-#endif
-
 namespace vekr {
 
 // ---------------------------------------------------------------------------

@@ -19,7 +19,7 @@ inline void ownTakeVertex(const float* v, float* lo, float* hi) {
 
 }  // namespace
 
-extern "C" VekStatus vekrSetBoundBox_32f(const float* pVertices, int numVertices, VekrBoundBox* pBox) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrSetBoundBox_32f(const float* pVertices, int numVertices, VekrBoundBox* pBox) {
     if (pVertices == nullptr) return vekStatusNullPtr;
 
     float lo[3] = {FLT_MAX, FLT_MAX, FLT_MAX};

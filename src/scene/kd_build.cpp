@@ -10,15 +10,6 @@
 
 #include "scene/sah_split.h"
 
-// The build keeps SSE values on the stack (the split search's sweep, the
-// clipping of straddlers); on i386 a caller may enter with a stack aligned
-// to 4 bytes only, so the entry point realigns it.
-#if defined(__i386__)
-#define VEKR_KD_BUILD_ENTRY __attribute__((force_align_arg_pointer))
-#else
-#define VEKR_KD_BUILD_ENTRY
-#endif
-
 namespace {
 
 using vekr::ownTreeAllocBytes;
@@ -801,7 +792,7 @@ VekStatus ownOptimizationPSAH(VekrKDTreeNode** ppTree, const float* pVertices, c
 
 }  // namespace vekr
 
-extern "C" VEKR_KD_BUILD_ENTRY VekStatus vekrKDTreeBuildAlloc(VekrKDTreeNode** ppTree, const float* pVertices,
+extern "C" OWN_SSE_ENTRY VekStatus vekrKDTreeBuildAlloc(VekrKDTreeNode** ppTree, const float* pVertices,
                                                               const int* pTriangles, int numVertices,
                                                               int numTriangles, int* pSize,
                                                               const VekrKDTreeBuildParams* pParams) {

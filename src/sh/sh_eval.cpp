@@ -343,12 +343,12 @@ VekStatus ownSH_32f(const float* pX, const float* pY, const float* pZ, int count
 
 using namespace vekr;
 
-extern "C" VekStatus vekrSH_32f(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
+extern "C" OWN_SSE_ENTRY VekStatus vekrSH_32f(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
                                 std::uint32_t order, const VekrSHState* pState) {
     return ownSH_32f(pX, pY, pZ, count, pDst, order, pState);
 }
 
-extern "C" VekStatus vekrSHBand_32f(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHBand_32f(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
                                     std::uint32_t band) {
     if (pX == nullptr || pY == nullptr || pZ == nullptr || pDst == nullptr) return vekStatusNullPtr;
     if (band > kSHMaxOrder) return vekStatusBadArgument;

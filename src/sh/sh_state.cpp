@@ -89,7 +89,7 @@ extern "C" VekStatus vekrSHGetSize_32f(std::uint32_t order, std::uint32_t type, 
     return vekStatusBadArgument;
 }
 
-extern "C" VekStatus vekrSHInit_32f(VekrSHState* pState, std::uint32_t order, std::uint32_t type) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHInit_32f(VekrSHState* pState, std::uint32_t order, std::uint32_t type) {
     if (pState == nullptr) return vekStatusNullPtr;
     if (type == vekrSHDirect) {
         if (order > kSHMaxOrder) return vekStatusBadSize;

@@ -113,7 +113,7 @@ void ownSHInverse3(const float* const* pCoeffs, std::uint32_t order, const float
 
 using namespace vekr;
 
-extern "C" VekStatus vekrSHTFwd_32f_C1I(const float* pX, const float* pY, const float* pZ, const float* pVal,
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHTFwd_32f_C1I(const float* pX, const float* pY, const float* pZ, const float* pVal,
                                         int count, float* pCoeffs, std::uint32_t order,
                                         const VekrSHState* pState) {
     VekStatus st;
@@ -129,7 +129,7 @@ extern "C" VekStatus vekrSHTFwd_32f_C1I(const float* pX, const float* pY, const 
     return vekStatusOk;
 }
 
-extern "C" VekStatus vekrSHTFwd_32f_C3P3I(const float* pX, const float* pY, const float* pZ, const float* pVal,
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHTFwd_32f_C3P3I(const float* pX, const float* pY, const float* pZ, const float* pVal,
                                           int count, float* pCoeffs[3], std::uint32_t order,
                                           const VekrSHState* pState) {
     VekStatus st;
@@ -139,7 +139,7 @@ extern "C" VekStatus vekrSHTFwd_32f_C3P3I(const float* pX, const float* pY, cons
     return vekStatusOk;
 }
 
-extern "C" VekStatus vekrSHTFwd_32f_P3I(const float* pX, const float* pY, const float* pZ,
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHTFwd_32f_P3I(const float* pX, const float* pY, const float* pZ,
                                         const float* const pVal[3], int count, float* pCoeffs[3],
                                         std::uint32_t order, const VekrSHState* pState) {
     VekStatus st;
@@ -149,7 +149,7 @@ extern "C" VekStatus vekrSHTFwd_32f_P3I(const float* pX, const float* pY, const 
     return vekStatusOk;
 }
 
-extern "C" VekStatus vekrSHTInv_32f_C1(const float* pCoeffs, std::uint32_t order, const float* pX,
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHTInv_32f_C1(const float* pCoeffs, std::uint32_t order, const float* pX,
                                        const float* pY, const float* pZ, float* pDst, int count,
                                        const VekrSHState* pState) {
     VekStatus st;
@@ -164,7 +164,7 @@ extern "C" VekStatus vekrSHTInv_32f_C1(const float* pCoeffs, std::uint32_t order
     return vekStatusOk;
 }
 
-extern "C" VekStatus vekrSHTInv_32f_P3(const float* const pCoeffs[3], std::uint32_t order, const float* pX,
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHTInv_32f_P3(const float* const pCoeffs[3], std::uint32_t order, const float* pX,
                                        const float* pY, const float* pZ, float* pDst[3], int count,
                                        const VekrSHState* pState) {
     VekStatus st;
@@ -174,7 +174,7 @@ extern "C" VekStatus vekrSHTInv_32f_P3(const float* const pCoeffs[3], std::uint3
     return vekStatusOk;
 }
 
-extern "C" VekStatus vekrSHTInv_32f_P3C3(const float* const pCoeffs[3], std::uint32_t order, const float* pX,
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHTInv_32f_P3C3(const float* const pCoeffs[3], std::uint32_t order, const float* pX,
                                          const float* pY, const float* pZ, float* pDst, int count,
                                          const VekrSHState* pState) {
     VekStatus st;

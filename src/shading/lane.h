@@ -21,14 +21,6 @@
 // pointers reloaded every time.
 #define OWN_KERNEL __attribute__((always_inline))
 
-// Entry points that run SSE code realign their stack: an i386 caller is only
-// required to keep 4-byte alignment, and spilled __m128 values need 16.
-#if defined(__i386__)
-#define OWN_SSE_ENTRY __attribute__((force_align_arg_pointer))
-#else
-#define OWN_SSE_ENTRY
-#endif
-
 namespace vekr {
 
 // ---------------------------------------------------------------------------

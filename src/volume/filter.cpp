@@ -11,14 +11,6 @@
 
 #include "core/own.h"
 
-// The filter entry realigns the stack on i386, where a caller may enter with
-// only 4-byte alignment and spilled SSE registers need 16.
-#if defined(__i386__)
-#define VEKR_FILTER_ENTRY __attribute__((force_align_arg_pointer))
-#else
-#define VEKR_FILTER_ENTRY
-#endif
-
 namespace {
 
 // Coefficients in [-32767, 32766] are packed as 16-bit pairs. -32768 is left
@@ -343,7 +335,7 @@ extern "C" VekStatus vekrFilterGetBufSize(VekrVolume dstVolume, VekrVolume kerne
     return vekStatusOk;
 }
 
-extern "C" VEKR_FILTER_ENTRY VekStatus vekrFilter_16s_C1PV(const int16_t* const* pSrc, int srcStep,
+extern "C" OWN_SSE_ENTRY VekStatus vekrFilter_16s_C1PV(const int16_t* const* pSrc, int srcStep,
                                                            int16_t* const* pDst, int dstStep, VekrVolume dstVolume,
                                                            const int32_t* pKernel, VekrVolume kernelVolume,
                                                            VekrPoint3D anchor, int divisor, uint8_t* pBuffer) {

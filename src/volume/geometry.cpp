@@ -50,7 +50,7 @@ std::uint32_t ownResizeBufPerThread(std::uint32_t w, std::uint32_t h, std::uint3
 
 using namespace vekr;
 
-extern "C" VekStatus vekrGetResizeCuboid(VekrCuboid srcVoi, VekrCuboid* pDstVoi, double xFactor, double yFactor,
+extern "C" OWN_SSE_ENTRY VekStatus vekrGetResizeCuboid(VekrCuboid srcVoi, VekrCuboid* pDstVoi, double xFactor, double yFactor,
                                          double zFactor, double xShift, double yShift, double zShift,
                                          int interpolation) {
     if (pDstVoi == nullptr) return vekStatusNullPtr;

@@ -66,7 +66,7 @@ VekStatus ownRemap(const T* const pSrc[], VekrVolume srcVolume, int srcStep, Vek
 
 using vekr::ownRemap;
 
-extern "C" VEKR_REALIGN_STACK VekStatus vekrRemap_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume,
+extern "C" OWN_SSE_ENTRY VekStatus vekrRemap_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume,
                                                           int srcStep, VekrCuboid srcVoi, const float* const pxMap[],
                                                           const float* const pyMap[], const float* const pzMap[],
                                                           int mapStep, uint8_t* const pDst[], int dstStep,
@@ -75,7 +75,7 @@ extern "C" VEKR_REALIGN_STACK VekStatus vekrRemap_8u_C1PV(const uint8_t* const p
                     interpolation);
 }
 
-extern "C" VEKR_REALIGN_STACK VekStatus vekrRemap_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume,
+extern "C" OWN_SSE_ENTRY VekStatus vekrRemap_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume,
                                                            int srcStep, VekrCuboid srcVoi, const float* const pxMap[],
                                                            const float* const pyMap[], const float* const pzMap[],
                                                            int mapStep, uint16_t* const pDst[], int dstStep,
@@ -84,7 +84,7 @@ extern "C" VEKR_REALIGN_STACK VekStatus vekrRemap_16u_C1PV(const uint16_t* const
                     interpolation);
 }
 
-extern "C" VEKR_REALIGN_STACK VekStatus vekrRemap_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume, int srcStep,
+extern "C" OWN_SSE_ENTRY VekStatus vekrRemap_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume, int srcStep,
                                                            VekrCuboid srcVoi, const float* const pxMap[],
                                                            const float* const pyMap[], const float* const pzMap[],
                                                            int mapStep, float* const pDst[], int dstStep,

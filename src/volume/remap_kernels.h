@@ -993,15 +993,6 @@ struct OwnWarpKernels {
     };
 };
 
-// Exported entry points realign the stack on i386: a caller built for the
-// older 4-byte stack alignment must not break the aligned SSE spills of the
-// kernels.
-#if defined(__i386__)
-#define VEKR_REALIGN_STACK __attribute__((force_align_arg_pointer))
-#else
-#define VEKR_REALIGN_STACK
-#endif
-
 // ---------------------------------------------------------------------------
 // Path choice
 // ---------------------------------------------------------------------------

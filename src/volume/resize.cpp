@@ -19,14 +19,6 @@
 #include "volume/interp_weights.h"
 #include "volume/resize_geometry.h"
 
-// Exported entries realign the stack on i386, where a caller may enter with
-// only 4-byte alignment and spilled SSE registers need 16.
-#if defined(__i386__)
-#define VEKR_RESIZE_ENTRY __attribute__((force_align_arg_pointer))
-#else
-#define VEKR_RESIZE_ENTRY
-#endif
-
 namespace vekr {
 namespace {
 
@@ -671,7 +663,7 @@ using namespace vekr;
 // Exported entry points
 // ---------------------------------------------------------------------------
 
-extern "C" VEKR_RESIZE_ENTRY VekStatus vekrResize_8u_C1V(const uint8_t* pSrc, VekrVolume srcVolume, int srcStep,
+extern "C" OWN_SSE_ENTRY VekStatus vekrResize_8u_C1V(const uint8_t* pSrc, VekrVolume srcVolume, int srcStep,
                                                          int srcPlaneStep, VekrCuboid srcVoi, uint8_t* pDst,
                                                          int dstStep, int dstPlaneStep, VekrCuboid dstVoi,
                                                          double xFactor, double yFactor, double zFactor,
@@ -682,7 +674,7 @@ extern "C" VEKR_RESIZE_ENTRY VekStatus vekrResize_8u_C1V(const uint8_t* pSrc, Ve
                                     pBuffer, false);
 }
 
-extern "C" VEKR_RESIZE_ENTRY VekStatus vekrResize_16u_C1V(const uint16_t* pSrc, VekrVolume srcVolume, int srcStep,
+extern "C" OWN_SSE_ENTRY VekStatus vekrResize_16u_C1V(const uint16_t* pSrc, VekrVolume srcVolume, int srcStep,
                                                           int srcPlaneStep, VekrCuboid srcVoi, uint16_t* pDst,
                                                           int dstStep, int dstPlaneStep, VekrCuboid dstVoi,
                                                           double xFactor, double yFactor, double zFactor,
@@ -696,7 +688,7 @@ extern "C" VEKR_RESIZE_ENTRY VekStatus vekrResize_16u_C1V(const uint16_t* pSrc, 
 // The float variant works in element steps: the byte steps are divided by 4
 // (truncating) before the kernel sees them, and it is the one resize that
 // splits its work between threads.
-extern "C" VEKR_RESIZE_ENTRY VekStatus vekrResize_32f_C1V(const float* pSrc, VekrVolume srcVolume, int srcStep,
+extern "C" OWN_SSE_ENTRY VekStatus vekrResize_32f_C1V(const float* pSrc, VekrVolume srcVolume, int srcStep,
                                                           int srcPlaneStep, VekrCuboid srcVoi, float* pDst,
                                                           int dstStep, int dstPlaneStep, VekrCuboid dstVoi,
                                                           double xFactor, double yFactor, double zFactor,
@@ -707,7 +699,7 @@ extern "C" VEKR_RESIZE_ENTRY VekStatus vekrResize_32f_C1V(const float* pSrc, Vek
                              interpolation, pBuffer, true);
 }
 
-extern "C" VEKR_RESIZE_ENTRY VekStatus vekrResize_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume,
+extern "C" OWN_SSE_ENTRY VekStatus vekrResize_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume,
                                                           int srcStep, VekrCuboid srcVoi, uint8_t* const pDst[],
                                                           int dstStep, VekrCuboid dstVoi, double xFactor,
                                                           double yFactor, double zFactor, double xShift,
@@ -717,7 +709,7 @@ extern "C" VEKR_RESIZE_ENTRY VekStatus vekrResize_8u_C1PV(const uint8_t* const p
                                      zFactor, xShift, yShift, zShift, interpolation, pBuffer);
 }
 
-extern "C" VEKR_RESIZE_ENTRY VekStatus vekrResize_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume,
+extern "C" OWN_SSE_ENTRY VekStatus vekrResize_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume,
                                                            int srcStep, VekrCuboid srcVoi, uint16_t* const pDst[],
                                                            int dstStep, VekrCuboid dstVoi, double xFactor,
                                                            double yFactor, double zFactor, double xShift,
@@ -727,7 +719,7 @@ extern "C" VEKR_RESIZE_ENTRY VekStatus vekrResize_16u_C1PV(const uint16_t* const
                                       zFactor, xShift, yShift, zShift, interpolation, pBuffer);
 }
 
-extern "C" VEKR_RESIZE_ENTRY VekStatus vekrResize_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume,
+extern "C" OWN_SSE_ENTRY VekStatus vekrResize_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume,
                                                            int srcStep, VekrCuboid srcVoi, float* const pDst[],
                                                            int dstStep, VekrCuboid dstVoi, double xFactor,
                                                            double yFactor, double zFactor, double xShift,

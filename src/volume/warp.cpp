@@ -93,7 +93,7 @@ VekStatus ownWarpAffine(const T* const pSrc[], VekrVolume srcVolume, int srcStep
 
 using vekr::ownWarpAffine;
 
-extern "C" VEKR_REALIGN_STACK VekStatus vekrWarpAffineGetBufSize(VekrCuboid srcVoi, VekrCuboid dstVoi, int nChannel,
+extern "C" OWN_SSE_ENTRY VekStatus vekrWarpAffineGetBufSize(VekrCuboid srcVoi, VekrCuboid dstVoi, int nChannel,
                                                                  int interpolation, int* pSize) {
     if (!pSize) return vekStatusNullPtr;
     if (vekr::ownBadCuboid(srcVoi) || vekr::ownBadCuboid(dstVoi)) return vekStatusBadSize;
@@ -103,7 +103,7 @@ extern "C" VEKR_REALIGN_STACK VekStatus vekrWarpAffineGetBufSize(VekrCuboid srcV
     return vekStatusOk;
 }
 
-extern "C" VEKR_REALIGN_STACK VekStatus vekrWarpAffine_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume,
+extern "C" OWN_SSE_ENTRY VekStatus vekrWarpAffine_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume,
                                                                int srcStep, VekrCuboid srcVoi, uint8_t* const pDst[],
                                                                int dstStep, VekrCuboid dstVoi,
                                                                const double coeffs[3][4], int interpolation,
@@ -112,7 +112,7 @@ extern "C" VEKR_REALIGN_STACK VekStatus vekrWarpAffine_8u_C1PV(const uint8_t* co
     return ownWarpAffine(pSrc, srcVolume, srcStep, srcVoi, pDst, dstStep, dstVoi, coeffs, interpolation);
 }
 
-extern "C" VEKR_REALIGN_STACK VekStatus vekrWarpAffine_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume,
+extern "C" OWN_SSE_ENTRY VekStatus vekrWarpAffine_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume,
                                                                 int srcStep, VekrCuboid srcVoi, uint16_t* const pDst[],
                                                                 int dstStep, VekrCuboid dstVoi,
                                                                 const double coeffs[3][4], int interpolation,
@@ -121,7 +121,7 @@ extern "C" VEKR_REALIGN_STACK VekStatus vekrWarpAffine_16u_C1PV(const uint16_t* 
     return ownWarpAffine(pSrc, srcVolume, srcStep, srcVoi, pDst, dstStep, dstVoi, coeffs, interpolation);
 }
 
-extern "C" VEKR_REALIGN_STACK VekStatus vekrWarpAffine_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume,
+extern "C" OWN_SSE_ENTRY VekStatus vekrWarpAffine_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume,
                                                                 int srcStep, VekrCuboid srcVoi, float* const pDst[],
                                                                 int dstStep, VekrCuboid dstVoi,
                                                                 const double coeffs[3][4], int interpolation,
