@@ -44,8 +44,8 @@ struct OwnEyePolicy : OwnHitRecord<L> {
     static constexpr float kSplitTol = kOwnSplitTol;
     bool skip(int32_t, const VekrTriangleAccel& R) const { return R.axisCode == 0; }
     typename L::M consider(int32_t j, typename L::M active, const OwnTriTerms<L>& tt) {
-        const typename L::M m = L::both(L::both(active, tt.inside),
-                                        L::both(L::gt(this->dist, tt.t), L::gt(tt.t, L::splat(0.0f))));
+        const typename L::M m =
+            L::both(L::both(active, tt.inside), L::both(L::gt(this->dist, tt.t), L::gt(tt.t, L::splat(0.0f))));
         this->record(m, j, tt);
         return L::none();
     }
@@ -121,8 +121,8 @@ struct OwnOrigins {
 };
 
 template <template <class> class Policy, OwnBoxMode mode>
-void ownNearestRay(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2],
-                   int32_t* trngl, std::size_t i, const VekrIntersectContext* ctx) {
+void ownNearestRay(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2], int32_t* trngl,
+                   std::size_t i, const VekrIntersectContext* ctx) {
     trngl[i] = -1;
     OwnRay<OwnLane1> r;
     for (int a = 0; a < 3; ++a) {
@@ -176,15 +176,16 @@ bool ownNearestPacket(const OwnOrigins& org, const float* const dir[3], float* d
 }
 
 template <template <class> class Policy, OwnBoxMode mode>
-void ownNearestBlock(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2],
-                     int32_t* trngl, const VekrIntersectContext* ctx, int width, int height, bool vector) {
+void ownNearestBlock(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2], int32_t* trngl,
+                     const VekrIntersectContext* ctx, int width, int height, bool vector) {
     if (width < 1) return;
     for (int row = 0; row < height; ++row) {
         const std::size_t base = static_cast<std::size_t>(row) * static_cast<std::size_t>(width);
         if (vector) {
             for (int c = 0; c < width; c += 4)
                 if (!ownNearestPacket<Policy, mode>(org, dir, dist, hit, trngl, base + c, ctx))
-                    for (int l = 0; l < 4; ++l) ownNearestRay<Policy, mode>(org, dir, dist, hit, trngl, base + c + l, ctx);
+                    for (int l = 0; l < 4; ++l)
+                        ownNearestRay<Policy, mode>(org, dir, dist, hit, trngl, base + c + l, ctx);
         } else {
             for (int c = 0; c < width; ++c) ownNearestRay<Policy, mode>(org, dir, dist, hit, trngl, base + c, ctx);
         }
@@ -357,9 +358,8 @@ bool ownAnyPacket(const float* origin, const float* const dir[3], int32_t* occlu
 using namespace vekr;
 
 extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectEyeSO_32f(const float* pOrigin, const float* const pDirection[3],
-                                                             float* pDist, float* const pHit[2], int32_t* pTrngl,
-                                                             const VekrIntersectContext* pContext, int width,
-                                                             int height) {
+                                                          float* pDist, float* const pHit[2], int32_t* pTrngl,
+                                                          const VekrIntersectContext* pContext, int width, int height) {
     if (height < 1) return vekStatusOk;
     const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
                         ownAllAligned16(pDirection[0], pDirection[1], pDirection[2], pDist, pHit[0], pHit[1], pTrngl);
@@ -370,26 +370,23 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectEyeSO_32f(const float* pOrigin, 
     return vekStatusOk;
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectMO_32f(const float* const pOrigin[3],
-                                                          const float* const pDirection[3], float* pDist,
-                                                          float* const pHit[2], int32_t* pTrngl,
-                                                          const VekrIntersectContext* pContext, int width,
-                                                          int height) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectMO_32f(const float* const pOrigin[3], const float* const pDirection[3],
+                                                       float* pDist, float* const pHit[2], int32_t* pTrngl,
+                                                       const VekrIntersectContext* pContext, int width, int height) {
     if (height < 1) return vekStatusOk;
     const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
-                        ownAllAligned16(pOrigin[0], pOrigin[1], pOrigin[2], pDirection[0], pDirection[1],
-                                        pDirection[2], pDist, pHit[0], pHit[1], pTrngl);
+                        ownAllAligned16(pOrigin[0], pOrigin[1], pOrigin[2], pDirection[0], pDirection[1], pDirection[2],
+                                        pDist, pHit[0], pHit[1], pTrngl);
     const OwnOrigins org{pOrigin, 1};
-    ownNearestBlock<OwnMOPolicy, OwnBoxMode::PerOrigin>(org, pDirection, pDist, pHit, pTrngl, pContext, width,
-                                                        height, vector);
+    ownNearestBlock<OwnMOPolicy, OwnBoxMode::PerOrigin>(org, pDirection, pDist, pHit, pTrngl, pContext, width, height,
+                                                        vector);
     return vekStatusOk;
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectMultipleSO_32f(const float* pOrigin,
-                                                                  const float* const pDirection[3], float* pDist,
-                                                                  float* const pHit[2], int32_t* pTrngl, int width,
-                                                                  int height, int depth,
-                                                                  const VekrIntersectContext* pContext) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectMultipleSO_32f(const float* pOrigin, const float* const pDirection[3],
+                                                               float* pDist, float* const pHit[2], int32_t* pTrngl,
+                                                               int width, int height, int depth,
+                                                               const VekrIntersectContext* pContext) {
     const int64_t total = static_cast<int64_t>(depth) * width * height;
     for (int64_t n = 0; n < total; ++n) pTrngl[n] = -1;
     // A depth below 1 asks for no hit at all.
@@ -411,8 +408,8 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectMultipleSO_32f(const float* pOri
 }
 
 extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectAnySO_32f(const float* pOrigin, const float* const pDirection[3],
-                                                             int32_t* pOccluder, int32_t* pMask, int width, int height,
-                                                             const VekrIntersectContext* pContext) {
+                                                          int32_t* pOccluder, int32_t* pMask, int width, int height,
+                                                          const VekrIntersectContext* pContext) {
     if (height < 1 || width < 1) return vekStatusOk;
     const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
                         ownAllAligned16(pDirection[0], pDirection[1], pDirection[2], pOccluder, pMask);
@@ -421,7 +418,8 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectAnySO_32f(const float* pOrigin, 
         if (vector) {
             for (int c = 0; c < width; c += 4)
                 if (!ownAnyPacket(pOrigin, pDirection, pOccluder, pMask, base + c, pContext))
-                    for (int l = 0; l < 4; ++l) ownAnyRay(pOrigin, pDirection, pOccluder, pMask, base + c + l, pContext);
+                    for (int l = 0; l < 4; ++l)
+                        ownAnyRay(pOrigin, pDirection, pOccluder, pMask, base + c + l, pContext);
         } else {
             for (int c = 0; c < width; ++c) ownAnyRay(pOrigin, pDirection, pOccluder, pMask, base + c, pContext);
         }

@@ -43,10 +43,10 @@ inline bool ownDepthInRange(int d) { return d >= 0 && d <= 50; }
 
 namespace {
 
-using vekr::OwnSplit;
-using vekr::OwnTriEntry;
 using vekr::ownBitsFloat;
 using vekr::ownFloatBits;
+using vekr::OwnSplit;
+using vekr::OwnTriEntry;
 
 // Budget arithmetic. The up-front test asks for 84 bytes per triangle (twelve
 // 4-byte arrays and one 36-byte working record), 12 per vertex and two spare
@@ -383,9 +383,9 @@ void ownFinishTrim(OwnTriEntry& e, const OwnPolygon* poly, int n, const float lo
 // the triangle there, so that common first part of the clipping is done once
 // for both children; the rest follows each child's own faces in the same
 // order as a clip against that child's box alone.
-void ownTrimStraddler(const OwnTriEntry& e, const float* pVertices, const int* pTriangles, int a,
-                      const float loL[3], const float hiL[3], const float loU[3], const float hiU[3],
-                      OwnTriEntry* pLower, OwnTriEntry* pUpper) {
+void ownTrimStraddler(const OwnTriEntry& e, const float* pVertices, const int* pTriangles, int a, const float loL[3],
+                      const float hiL[3], const float loU[3], const float hiU[3], OwnTriEntry* pLower,
+                      OwnTriEntry* pUpper) {
     const int* tri = pTriangles + 4 * static_cast<std::ptrdiff_t>(vekr::ownEntryTriangle(e));
     // The faces of the parent box [loL, hiU] serve both children but on the
     // split plane, which the straddler reaches from either side.
@@ -412,8 +412,8 @@ void ownTrimStraddler(const OwnTriEntry& e, const float* pVertices, const int* p
 // reach past numVertices). With a clip box, each triangle is clipped exactly
 // against it; triangles with no part inside the box, like triangles with a
 // NaN coordinate, can be hit by no ray and get no entry.
-int ownRootEntries(OwnTriEntry* out, const float* pVertices, const int* pTriangles, int numTriangles,
-                   const float lo[3], const float hi[3], bool clip) {
+int ownRootEntries(OwnTriEntry* out, const float* pVertices, const int* pTriangles, int numTriangles, const float lo[3],
+                   const float hi[3], bool clip) {
     int kept = 0;
     for (int t = 0; t < numTriangles; ++t) {
         const int* tri = pTriangles + 4 * static_cast<std::ptrdiff_t>(t);
@@ -477,8 +477,7 @@ VekStatus ownMakeLeaf(OwnBuild& b, std::uint32_t node, const OwnTriEntry* e, int
 // The subdivision loop: an explicit stack of pending nodes; after a split the
 // lower child is pushed and the loop goes on with the upper one.
 VekStatus ownSubdivide(OwnBuild& b, const float* pVertices, const int* pTriangles, std::uint32_t root,
-                       const float rootLo[3], const float rootHi[3], int numEntries, int maxDepth,
-                       float costFactor) {
+                       const float rootLo[3], const float rootHi[3], int numEntries, int maxDepth, float costFactor) {
     const vekr::OwnEventStore& ev = b.events;
     OwnPending stack[kMaxStack];
     int top = 0;
@@ -694,8 +693,8 @@ void ownWriteTree(const OwnArena& ar, std::uint32_t node, unsigned char* block, 
 
 namespace vekr {
 
-VekStatus ownOptimizationPSAH(VekrKDTreeNode** ppTree, const float* pVertices, const int* pTriangles,
-                              int numVertices, int numTriangles, int* pSize, const VekrKDTreeBuildParams* pParams,
+VekStatus ownOptimizationPSAH(VekrKDTreeNode** ppTree, const float* pVertices, const int* pTriangles, int numVertices,
+                              int numTriangles, int* pSize, const VekrKDTreeBuildParams* pParams,
                               std::uint32_t budgetBytes) {
     const std::int64_t nt = numTriangles, nv = numVertices;
     // 1. Up-front budget test.
@@ -714,8 +713,8 @@ VekStatus ownOptimizationPSAH(VekrKDTreeNode** ppTree, const float* pVertices, c
     if (b == nullptr) return vekStatusNoMemory;
     std::memset(b, 0, sizeof *b);
     const std::int64_t entryArea = ownBlockArea(kEntryRecordBytes * nt);
-    b->arena.remaining = static_cast<std::int64_t>(budgetBytes) - kControlBytes - 48 * nt - entryArea -
-                         ownBlockArea(12 * nv);
+    b->arena.remaining =
+        static_cast<std::int64_t>(budgetBytes) - kControlBytes - 48 * nt - entryArea - ownBlockArea(12 * nv);
     b->entryCapacity = entryArea / kEntryRecordBytes;
     vekr::OwnEventStore& ev = b->events;
     bool ok = (b->pEntries = ownAllocArray<OwnTriEntry>(b->entryCapacity)) != nullptr &&
@@ -776,7 +775,8 @@ VekStatus ownOptimizationPSAH(VekrKDTreeNode** ppTree, const float* pVertices, c
     ownCountTree(b->arena, root, inner, listed);
     const std::int64_t size = ownTreeNodeBytes(inner) + 4 * listed;
     const std::int64_t bytes = ownTreeAllocBytes(size);
-    unsigned char* block = bytes <= 0x7FFFFFFF ? static_cast<unsigned char*>(vekMalloc(static_cast<int>(bytes))) : nullptr;
+    unsigned char* block =
+        bytes <= 0x7FFFFFFF ? static_cast<unsigned char*>(vekMalloc(static_cast<int>(bytes))) : nullptr;
     if (block == nullptr) {
         ownReleaseBuild(b);
         return vekStatusNoMemory;
@@ -793,11 +793,9 @@ VekStatus ownOptimizationPSAH(VekrKDTreeNode** ppTree, const float* pVertices, c
 }  // namespace vekr
 
 extern "C" OWN_SSE_ENTRY VekStatus vekrKDTreeBuildAlloc(VekrKDTreeNode** ppTree, const float* pVertices,
-                                                              const int* pTriangles, int numVertices,
-                                                              int numTriangles, int* pSize,
-                                                              const VekrKDTreeBuildParams* pParams) {
-    if (ppTree == nullptr || pVertices == nullptr || pTriangles == nullptr || pSize == nullptr)
-        return vekStatusNullPtr;
+                                                        const int* pTriangles, int numVertices, int numTriangles,
+                                                        int* pSize, const VekrKDTreeBuildParams* pParams) {
+    if (ppTree == nullptr || pVertices == nullptr || pTriangles == nullptr || pSize == nullptr) return vekStatusNullPtr;
     if (numVertices < 0 || numTriangles < 0) return vekStatusBadSize;
     if (pParams == nullptr) return vekStatusNullPtr;
 

@@ -3,25 +3,25 @@
 // the choice of axis and the split test (MacDonald and Booth, "Heuristics for
 // ray tracing using space subdivision", 1990; Wald and Havran, "On building
 // fast kd-trees for ray tracing, and on doing that in O(N log N)", 2006).
+#include "scene/sah_split.h"
+
 #include <emmintrin.h>
 #include <omp.h>
 
 #include <algorithm>
 #include <cmath>
 
-#include "scene/sah_split.h"
-
 namespace vekr {
 namespace {
 
 // Constants of the cost model.
-constexpr double kMinSplitGain = 9.999999747378752e-06;   // float 1e-5, widened
-constexpr float kFlatExtent = 1e-5f;                       // axes not above it are not searched
-constexpr double kAreaTermLimit = 1e-9;                    // below it the in-plane term K is 0
-constexpr float kEmptyMargin = 0.1f;                       // gap needed for an empty-space cut
-constexpr double kEmptyFactor = 0.699999988079071;        // float 0.7, widened
-constexpr int kSortSwitch = 320;                           // above it the radix sort runs
-constexpr int kForkLimit = 65536;                          // smaller nodes search on one thread
+constexpr double kMinSplitGain = 9.999999747378752e-06;  // float 1e-5, widened
+constexpr float kFlatExtent = 1e-5f;                     // axes not above it are not searched
+constexpr double kAreaTermLimit = 1e-9;                  // below it the in-plane term K is 0
+constexpr float kEmptyMargin = 0.1f;                     // gap needed for an empty-space cut
+constexpr double kEmptyFactor = 0.699999988079071;       // float 0.7, widened
+constexpr int kSortSwitch = 320;                         // above it the radix sort runs
+constexpr int kForkLimit = 65536;                        // smaller nodes search on one thread
 
 // Sort keys: unsigned integers in the order of the floats they encode (no NaN
 // and no -0 reach here, so equal keys are equal floats and vice versa).
@@ -280,8 +280,8 @@ double ownSweepExtendedSse2(const std::uint64_t* it, int m, float la, float ha, 
     const __m128d four = _mm_set1_pd(4.0);
     __m128d kLo = _mm_add_pd(_mm_mul_pd(atLo, four), _mm_setr_pd(0.0, 1.0));
     const __m128d kHi = _mm_add_pd(_mm_mul_pd(atHi, four), _mm_setr_pd(2.0, 3.0));
-    __m128d takeHi = _mm_or_pd(_mm_cmplt_pd(bestHi, bestLo),
-                               _mm_and_pd(_mm_cmpeq_pd(bestHi, bestLo), _mm_cmplt_pd(kHi, kLo)));
+    __m128d takeHi =
+        _mm_or_pd(_mm_cmplt_pd(bestHi, bestLo), _mm_and_pd(_mm_cmpeq_pd(bestHi, bestLo), _mm_cmplt_pd(kHi, kLo)));
     bestLo = _mm_or_pd(_mm_and_pd(takeHi, bestHi), _mm_andnot_pd(takeHi, bestLo));
     kLo = _mm_or_pd(_mm_and_pd(takeHi, kHi), _mm_andnot_pd(takeHi, kLo));
     const __m128d best1 = _mm_unpackhi_pd(bestLo, bestLo), k1 = _mm_unpackhi_pd(kLo, kLo);
@@ -587,8 +587,8 @@ void ownEventsSplit(const OwnEventStore& st, int buffer, std::int64_t base, int 
                     const OwnTriEntry* pEntries, int numLower, int numStraddlers, int lowerExtended[3],
                     int upperExtended[3]) {
     for (int a = 0; a < 3; ++a)
-        ownAxisEventsSplit(st, buffer, a, base, n, numExtended[a], pEntries, numLower, numStraddlers,
-                           &lowerExtended[a], &upperExtended[a]);
+        ownAxisEventsSplit(st, buffer, a, base, n, numExtended[a], pEntries, numLower, numStraddlers, &lowerExtended[a],
+                           &upperExtended[a]);
 }
 
 }  // namespace vekr

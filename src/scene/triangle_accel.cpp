@@ -79,7 +79,7 @@ extern "C" VekStatus vekrTriangleAccelGetSize(int* pSize) {
 
 // Indices and pointers are trusted: the caller guarantees they are valid.
 extern "C" OWN_SSE_ENTRY VekStatus vekrTriangleAccelInit(VekrTriangleAccel* pAccel, const float* pVertices,
-                                           const int* pTriangles, int numTriangles) {
+                                                         const int* pTriangles, int numTriangles) {
     for (int t = 0; t < numTriangles; ++t)
         ownTriangleAccel(pAccel + t, pVertices, reinterpret_cast<const int32_t*>(pTriangles) + 4 * t);
     return vekStatusOk;

@@ -162,8 +162,7 @@ inline void ownSHScatter4(const float* s, int n, float* dst) {
         for (int j = 0; j < 4; ++j) dst[j * n + k] = s[4 * k + j];
 }
 
-void ownSHDirect1(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
-                  std::uint32_t order) {
+void ownSHDirect1(const float* pX, const float* pY, const float* pZ, int count, float* pDst, std::uint32_t order) {
     const int n = static_cast<int>((order + 1) * (order + 1));
     for (int i = 0; i < count; ++i) {
         OwnSHDir<double> d = ownSHLoad(pX[i], pY[i], pZ[i]);
@@ -171,8 +170,7 @@ void ownSHDirect1(const float* pX, const float* pY, const float* pZ, int count, 
     }
 }
 
-void ownSHDirect4(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
-                  std::uint32_t order) {
+void ownSHDirect4(const float* pX, const float* pY, const float* pZ, int count, float* pDst, std::uint32_t order) {
     const int n = static_cast<int>((order + 1) * (order + 1));
     float block[4 * kSHMaxCoeffs];
     for (int i = 0; i < count; i += 4) {
@@ -200,8 +198,8 @@ struct OwnSHRec4 {
 };
 
 template <class F, class Rec>
-inline void ownSHRecurrence(const F& x, const F& y, const F& z, const float* pA, const float* pB,
-                            std::uint32_t order, const Rec& rec) {
+inline void ownSHRecurrence(const F& x, const F& y, const F& z, const float* pA, const float* pB, std::uint32_t order,
+                            const Rec& rec) {
     rec.set(0, F(pA[0]));
     if (order < 1) return;
     rec.set(1, F(pA[2]) * y);
@@ -210,11 +208,11 @@ inline void ownSHRecurrence(const F& x, const F& y, const F& z, const float* pA,
     for (int l = 2; l <= static_cast<int>(order); ++l) {
         const float* a = pA + l * (l + 1) / 2;
         const float* b = pB + l * (l + 1) / 2;
-        const int c = l * l + l;                // Y_l^0
-        const int c1 = c - 2 * l;               // Y_(l-1)^0
-        const int c2 = c1 - 2 * (l - 1);        // Y_(l-2)^0
-        const F ys = rec.get(c1 + (l - 1));     // Y_(l-1)^(l-1)
-        const F yc = rec.get(c1 - (l - 1));     // Y_(l-1)^-(l-1)
+        const int c = l * l + l;             // Y_l^0
+        const int c1 = c - 2 * l;            // Y_(l-1)^0
+        const int c2 = c1 - 2 * (l - 1);     // Y_(l-2)^0
+        const F ys = rec.get(c1 + (l - 1));  // Y_(l-1)^(l-1)
+        const F yc = rec.get(c1 - (l - 1));  // Y_(l-1)^-(l-1)
         // Sectoral pair from the sectoral pair of band l-1.
         rec.set(c + l, F(a[l]) * (x * ys - y * yc));
         rec.set(c - l, F(a[l]) * (x * yc + y * ys));
@@ -230,16 +228,16 @@ inline void ownSHRecurrence(const F& x, const F& y, const F& z, const float* pA,
     }
 }
 
-void ownSHRecurrence1(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
-                      std::uint32_t order, const VekrSHState* pState) {
+void ownSHRecurrence1(const float* pX, const float* pY, const float* pZ, int count, float* pDst, std::uint32_t order,
+                      const VekrSHState* pState) {
     const int n = static_cast<int>((order + 1) * (order + 1));
     for (int i = 0; i < count; ++i)
         ownSHRecurrence(pX[i], pY[i], pZ[i], pState->pFactorA, pState->pFactorB, order,
                         OwnSHRec1{pDst + static_cast<std::ptrdiff_t>(i) * n});
 }
 
-void ownSHRecurrence4(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
-                      std::uint32_t order, const VekrSHState* pState) {
+void ownSHRecurrence4(const float* pX, const float* pY, const float* pZ, int count, float* pDst, std::uint32_t order,
+                      const VekrSHState* pState) {
     const int n = static_cast<int>((order + 1) * (order + 1));
     float block[4 * kSHMaxCoeffs];
     for (int i = 0; i < count; i += 4) {
@@ -261,22 +259,54 @@ template <int L, class T, class Out>
 inline void ownSHOneBand(OwnSHDir<T>& d, const Out& out) {
     if (L >= 4) ownSHAzimuth(d, L);
     switch (L) {
-        case 0: ownSHBand0(d, out); break;
-        case 1: ownSHBand1(d, out); break;
-        case 2: ownSHBand2(d, out); break;
-        case 3: ownSHBand3(d, out); break;
-        case 4: ownSHBand4(d, out); break;
-        case 5: ownSHBand5(d, out); break;
-        case 6: ownSHBand6(d, out); break;
-        case 7: ownSHBand7(d, out); break;
-        case 8: ownSHBand8(d, out); break;
-        case 9: ownSHBand9(d, out); break;
-        case 10: ownSHBand10(d, out); break;
-        case 11: ownSHBand11(d, out); break;
-        case 12: ownSHBand12(d, out); break;
-        case 13: ownSHBand13(d, out); break;
-        case 14: ownSHBand14(d, out); break;
-        default: ownSHBand15(d, out); break;
+        case 0:
+            ownSHBand0(d, out);
+            break;
+        case 1:
+            ownSHBand1(d, out);
+            break;
+        case 2:
+            ownSHBand2(d, out);
+            break;
+        case 3:
+            ownSHBand3(d, out);
+            break;
+        case 4:
+            ownSHBand4(d, out);
+            break;
+        case 5:
+            ownSHBand5(d, out);
+            break;
+        case 6:
+            ownSHBand6(d, out);
+            break;
+        case 7:
+            ownSHBand7(d, out);
+            break;
+        case 8:
+            ownSHBand8(d, out);
+            break;
+        case 9:
+            ownSHBand9(d, out);
+            break;
+        case 10:
+            ownSHBand10(d, out);
+            break;
+        case 11:
+            ownSHBand11(d, out);
+            break;
+        case 12:
+            ownSHBand12(d, out);
+            break;
+        case 13:
+            ownSHBand13(d, out);
+            break;
+        case 14:
+            ownSHBand14(d, out);
+            break;
+        default:
+            ownSHBand15(d, out);
+            break;
     }
 }
 
@@ -309,8 +339,8 @@ using OwnSHBands = OwnSHBandTables<0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13,
 
 }  // namespace
 
-VekStatus ownSH_32f(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
-                    std::uint32_t order, const VekrSHState* pState) {
+VekStatus ownSH_32f(const float* pX, const float* pY, const float* pZ, int count, float* pDst, std::uint32_t order,
+                    const VekrSHState* pState) {
     if (pX == nullptr || pY == nullptr || pZ == nullptr || pDst == nullptr || pState == nullptr)
         return vekStatusNullPtr;
     if (count == 0) return vekStatusBadSize;
@@ -344,12 +374,12 @@ VekStatus ownSH_32f(const float* pX, const float* pY, const float* pZ, int count
 using namespace vekr;
 
 extern "C" OWN_SSE_ENTRY VekStatus vekrSH_32f(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
-                                std::uint32_t order, const VekrSHState* pState) {
+                                              std::uint32_t order, const VekrSHState* pState) {
     return ownSH_32f(pX, pY, pZ, count, pDst, order, pState);
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrSHBand_32f(const float* pX, const float* pY, const float* pZ, int count, float* pDst,
-                                    std::uint32_t band) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHBand_32f(const float* pX, const float* pY, const float* pZ, int count,
+                                                  float* pDst, std::uint32_t band) {
     if (pX == nullptr || pY == nullptr || pZ == nullptr || pDst == nullptr) return vekStatusNullPtr;
     if (band > kSHMaxOrder) return vekStatusBadArgument;
     if (count == 0) return vekStatusBadSize;

@@ -98,8 +98,8 @@ void ownSHForward3(const float* pX, const float* pY, const float* pZ, const Valu
 
 // Inverse transform over three channels; store(i, c, v) writes the result.
 template <class Store>
-void ownSHInverse3(const float* const* pCoeffs, std::uint32_t order, const float* pX, const float* pY,
-                   const float* pZ, const Store& store, int count, const VekrSHState* pState) {
+void ownSHInverse3(const float* const* pCoeffs, std::uint32_t order, const float* pX, const float* pY, const float* pZ,
+                   const Store& store, int count, const VekrSHState* pState) {
     OwnSHScratch s;
     const int n = ownSHCount(order);
     for (int i = 0; i < count; ++i) {
@@ -113,9 +113,9 @@ void ownSHInverse3(const float* const* pCoeffs, std::uint32_t order, const float
 
 using namespace vekr;
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrSHTFwd_32f_C1I(const float* pX, const float* pY, const float* pZ, const float* pVal,
-                                        int count, float* pCoeffs, std::uint32_t order,
-                                        const VekrSHState* pState) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHTFwd_32f_C1I(const float* pX, const float* pY, const float* pZ,
+                                                      const float* pVal, int count, float* pCoeffs, std::uint32_t order,
+                                                      const VekrSHState* pState) {
     VekStatus st;
     const bool present = pX && pY && pZ && pVal && pCoeffs && pState;
     if (!ownSHTransformChecks(present, count, order, pState, &st)) return st;
@@ -129,29 +129,31 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrSHTFwd_32f_C1I(const float* pX, const flo
     return vekStatusOk;
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrSHTFwd_32f_C3P3I(const float* pX, const float* pY, const float* pZ, const float* pVal,
-                                          int count, float* pCoeffs[3], std::uint32_t order,
-                                          const VekrSHState* pState) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHTFwd_32f_C3P3I(const float* pX, const float* pY, const float* pZ,
+                                                        const float* pVal, int count, float* pCoeffs[3],
+                                                        std::uint32_t order, const VekrSHState* pState) {
     VekStatus st;
     const bool present = pX && pY && pZ && pVal && pCoeffs && pState && ownAll3(pCoeffs);
     if (!ownSHTransformChecks(present, count, order, pState, &st)) return st;
-    ownSHForward3(pX, pY, pZ, [pVal](int i, int c) { return pVal[3 * i + c]; }, count, pCoeffs, order, pState);
+    ownSHForward3(
+        pX, pY, pZ, [pVal](int i, int c) { return pVal[3 * i + c]; }, count, pCoeffs, order, pState);
     return vekStatusOk;
 }
 
 extern "C" OWN_SSE_ENTRY VekStatus vekrSHTFwd_32f_P3I(const float* pX, const float* pY, const float* pZ,
-                                        const float* const pVal[3], int count, float* pCoeffs[3],
-                                        std::uint32_t order, const VekrSHState* pState) {
+                                                      const float* const pVal[3], int count, float* pCoeffs[3],
+                                                      std::uint32_t order, const VekrSHState* pState) {
     VekStatus st;
     const bool present = pX && pY && pZ && pVal && pCoeffs && pState && ownAll3(pVal) && ownAll3(pCoeffs);
     if (!ownSHTransformChecks(present, count, order, pState, &st)) return st;
-    ownSHForward3(pX, pY, pZ, [pVal](int i, int c) { return pVal[c][i]; }, count, pCoeffs, order, pState);
+    ownSHForward3(
+        pX, pY, pZ, [pVal](int i, int c) { return pVal[c][i]; }, count, pCoeffs, order, pState);
     return vekStatusOk;
 }
 
 extern "C" OWN_SSE_ENTRY VekStatus vekrSHTInv_32f_C1(const float* pCoeffs, std::uint32_t order, const float* pX,
-                                       const float* pY, const float* pZ, float* pDst, int count,
-                                       const VekrSHState* pState) {
+                                                     const float* pY, const float* pZ, float* pDst, int count,
+                                                     const VekrSHState* pState) {
     VekStatus st;
     const bool present = pCoeffs && pX && pY && pZ && pDst && pState;
     if (!ownSHTransformChecks(present, count, order, pState, &st)) return st;
@@ -164,23 +166,24 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrSHTInv_32f_C1(const float* pCoeffs, std::
     return vekStatusOk;
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrSHTInv_32f_P3(const float* const pCoeffs[3], std::uint32_t order, const float* pX,
-                                       const float* pY, const float* pZ, float* pDst[3], int count,
-                                       const VekrSHState* pState) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHTInv_32f_P3(const float* const pCoeffs[3], std::uint32_t order,
+                                                     const float* pX, const float* pY, const float* pZ, float* pDst[3],
+                                                     int count, const VekrSHState* pState) {
     VekStatus st;
     const bool present = pCoeffs && pX && pY && pZ && pDst && pState && ownAll3(pCoeffs) && ownAll3(pDst);
     if (!ownSHTransformChecks(present, count, order, pState, &st)) return st;
-    ownSHInverse3(pCoeffs, order, pX, pY, pZ, [pDst](int i, int c, float v) { pDst[c][i] = v; }, count, pState);
+    ownSHInverse3(
+        pCoeffs, order, pX, pY, pZ, [pDst](int i, int c, float v) { pDst[c][i] = v; }, count, pState);
     return vekStatusOk;
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrSHTInv_32f_P3C3(const float* const pCoeffs[3], std::uint32_t order, const float* pX,
-                                         const float* pY, const float* pZ, float* pDst, int count,
-                                         const VekrSHState* pState) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrSHTInv_32f_P3C3(const float* const pCoeffs[3], std::uint32_t order,
+                                                       const float* pX, const float* pY, const float* pZ, float* pDst,
+                                                       int count, const VekrSHState* pState) {
     VekStatus st;
     const bool present = pCoeffs && pX && pY && pZ && pDst && pState && ownAll3(pCoeffs);
     if (!ownSHTransformChecks(present, count, order, pState, &st)) return st;
-    ownSHInverse3(pCoeffs, order, pX, pY, pZ, [pDst](int i, int c, float v) { pDst[3 * i + c] = v; }, count,
-                  pState);
+    ownSHInverse3(
+        pCoeffs, order, pX, pY, pZ, [pDst](int i, int c, float v) { pDst[3 * i + c] = v; }, count, pState);
     return vekStatusOk;
 }

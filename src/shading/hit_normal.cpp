@@ -204,7 +204,8 @@ void ownTriangleNormals_MT(const float* vert, const std::int32_t* tri, float* ou
     {
 #pragma omp for schedule(static) nowait
         for (int k = 0; k < numPairs; ++k)
-            ownTriangleNormalPair(vert, tri + 8 * static_cast<std::ptrdiff_t>(k), out + 6 * static_cast<std::ptrdiff_t>(k));
+            ownTriangleNormalPair(vert, tri + 8 * static_cast<std::ptrdiff_t>(k),
+                                  out + 6 * static_cast<std::ptrdiff_t>(k));
 #pragma omp single nowait
         if (numTriangles & 1) {
             const std::ptrdiff_t t = numTriangles - 1;
@@ -272,15 +273,14 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrSurfSmoothNormal_32f(const float* pVertNo
                          ownAllAligned16(pVertNorm, pTriVert, pTriIndex, pUV[0], pUV[1], pNorm[0], pNorm[1], pNorm[2]);
     const float* const uv[2] = {pUV[0], pUV[1]};
     const auto norm = ownPlanes(pNorm);
-    auto kernel = [&](auto io, int i) OWN_KERNEL {
-        ownSmoothNormal(io, i, pVertNorm, pTriVert, pTriIndex, uv, norm.c, triStride);
-    };
+    auto kernel = [&](auto io, int i)
+                      OWN_KERNEL { ownSmoothNormal(io, i, pVertNorm, pTriVert, pTriIndex, uv, norm.c, triStride); };
     ownForEachPath(vector4, count, kernel);
     return vekStatusOk;
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrTriangleNormal_32f(const float* pVertCoord, const int32_t* pTriVert, float* pTriNorm,
-                                            int numTriangles) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrTriangleNormal_32f(const float* pVertCoord, const int32_t* pTriVert,
+                                                          float* pTriNorm, int numTriangles) {
     if (pVertCoord == nullptr || pTriVert == nullptr || pTriNorm == nullptr) return vekStatusNullPtr;
     if (numTriangles < 1) return vekStatusOk;
     ownTriangleNormals_MT(pVertCoord, pTriVert, pTriNorm, numTriangles);

@@ -119,7 +119,8 @@ OWN_LANE void ownDivC1(IO, int i, const float* src, const std::int32_t* mask, fl
     if (ownAny(ownAnd(live, zero))) {
         divByZero = true;
         const F inf(ownBitsFloat(0x7F800000u));
-        const F special = ownSelect(num > F(0.0f), inf, ownSelect(num < F(0.0f), F(0.0f) - inf, F(ownBitsFloat(0xFFC00000u))));
+        const F special =
+            ownSelect(num > F(0.0f), inf, ownSelect(num < F(0.0f), F(0.0f) - inf, F(ownBitsFloat(0xFFC00000u))));
         q = ownSelect(zero, special, q);
     }
     IO::storeA(dst + i, ownSelect(live, q, F(0.0f)));

@@ -91,9 +91,7 @@ inline void ownFinish8(__m128 lo, __m128 hi, __m128 scale, std::int16_t* pDst) {
 // 16-byte block as (first, second) four times. An odd row ends with a block
 // whose second value is 0.
 
-inline int ownPairsPerRow(int kw) {
-    return (kw + 1) / 2;
-}
+inline int ownPairsPerRow(int kw) { return (kw + 1) / 2; }
 
 void ownPackKernel16(const FilterJob& job, __m128i* pPacked) {
     const int n = job.kw * job.kh * job.kd;
@@ -335,10 +333,10 @@ extern "C" VekStatus vekrFilterGetBufSize(VekrVolume dstVolume, VekrVolume kerne
     return vekStatusOk;
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrFilter_16s_C1PV(const int16_t* const* pSrc, int srcStep,
-                                                           int16_t* const* pDst, int dstStep, VekrVolume dstVolume,
-                                                           const int32_t* pKernel, VekrVolume kernelVolume,
-                                                           VekrPoint3D anchor, int divisor, uint8_t* pBuffer) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrFilter_16s_C1PV(const int16_t* const* pSrc, int srcStep, int16_t* const* pDst,
+                                                       int dstStep, VekrVolume dstVolume, const int32_t* pKernel,
+                                                       VekrVolume kernelVolume, VekrPoint3D anchor, int divisor,
+                                                       uint8_t* pBuffer) {
     if (pSrc == nullptr || pDst == nullptr || pKernel == nullptr) return vekStatusNullPtr;
     if (pBuffer == nullptr) return vekStatusNullPtr;
     if (dstVolume.width < 1 || dstVolume.height < 1 || dstVolume.depth < 1) return vekStatusBadSize;

@@ -24,8 +24,8 @@ struct OwnAxisSpan {
     double start, end;
 };
 inline OwnAxisSpan ownCuboidAxis(std::int32_t first, std::int32_t extent, double factor, double shift) {
-    const std::int32_t past = static_cast<std::int32_t>(static_cast<std::uint32_t>(first) +
-                                                        static_cast<std::uint32_t>(extent));
+    const std::int32_t past =
+        static_cast<std::int32_t>(static_cast<std::uint32_t>(first) + static_cast<std::uint32_t>(extent));
     const double start = std::trunc(first * factor + shift + 0.4999999999);
     const double end = std::trunc(past * factor + shift + 0.5000000001);
     return {start > 0.0 ? start : 0.0, end > 0.0 ? end : 0.0};
@@ -33,12 +33,10 @@ inline OwnAxisSpan ownCuboidAxis(std::int32_t first, std::int32_t extent, double
 
 }  // namespace
 
-std::uint32_t ownResizeBufPerThread(std::uint32_t w, std::uint32_t h, std::uint32_t d, std::uint32_t nc,
-                                    int code) {
+std::uint32_t ownResizeBufPerThread(std::uint32_t w, std::uint32_t h, std::uint32_t d, std::uint32_t nc, int code) {
     if (code == vekrInterNearest) return 64u * ((w + 15u) / 16u + (h + 15u) / 16u + (d + 15u) / 16u);
     // Index and fraction tables of the three axes.
-    const std::uint32_t tables =
-        4u * (ownUp16(w) + ownUp16(h) + ownUp16(d) + ownUp64(w) + ownUp64(h) + ownUp64(d));
+    const std::uint32_t tables = 4u * (ownUp16(w) + ownUp16(h) + ownUp16(d) + ownUp64(w) + ownUp64(h) + ownUp64(d));
     if (code == vekrInterLinear)
         return tables + nc * (256u * ((2u * w + 127u) / 64u + (8u * (w + h) + 127u) / 64u) + 8u * h * ownUp64(w));
     return tables + 16u * h * nc * ownUp64(w) +
@@ -50,9 +48,9 @@ std::uint32_t ownResizeBufPerThread(std::uint32_t w, std::uint32_t h, std::uint3
 
 using namespace vekr;
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrGetResizeCuboid(VekrCuboid srcVoi, VekrCuboid* pDstVoi, double xFactor, double yFactor,
-                                         double zFactor, double xShift, double yShift, double zShift,
-                                         int interpolation) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrGetResizeCuboid(VekrCuboid srcVoi, VekrCuboid* pDstVoi, double xFactor,
+                                                       double yFactor, double zFactor, double xShift, double yShift,
+                                                       double zShift, int interpolation) {
     if (pDstVoi == nullptr) return vekStatusNullPtr;
     if (!ownCuboidValid(srcVoi)) return vekStatusBadSize;
     if (!(xFactor > 0.0) || !(yFactor > 0.0) || !(zFactor > 0.0)) return vekStatusBadResizeFactor;
@@ -85,10 +83,9 @@ extern "C" VekStatus vekrResizeGetBufSize(VekrCuboid srcVoi, VekrCuboid dstVoi, 
     if (nChannel != 1) return vekStatusBadNumChannels;
     if (!ownIsValidInterpolation(interpolation)) return vekStatusBadInterpolation;
 
-    const std::uint32_t perThread =
-        ownResizeBufPerThread(static_cast<std::uint32_t>(dstVoi.width), static_cast<std::uint32_t>(dstVoi.height),
-                              static_cast<std::uint32_t>(dstVoi.depth), static_cast<std::uint32_t>(nChannel),
-                              interpolation);
+    const std::uint32_t perThread = ownResizeBufPerThread(
+        static_cast<std::uint32_t>(dstVoi.width), static_cast<std::uint32_t>(dstVoi.height),
+        static_cast<std::uint32_t>(dstVoi.depth), static_cast<std::uint32_t>(nChannel), interpolation);
     const std::uint32_t total = ownResizeSliceBytes(perThread) * static_cast<std::uint32_t>(ownGetNumThreads());
     *pSize = static_cast<int>(total);
     return vekStatusOk;

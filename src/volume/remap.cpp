@@ -66,29 +66,29 @@ VekStatus ownRemap(const T* const pSrc[], VekrVolume srcVolume, int srcStep, Vek
 
 using vekr::ownRemap;
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrRemap_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume,
-                                                          int srcStep, VekrCuboid srcVoi, const float* const pxMap[],
-                                                          const float* const pyMap[], const float* const pzMap[],
-                                                          int mapStep, uint8_t* const pDst[], int dstStep,
-                                                          VekrVolume dstVolume, int interpolation) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrRemap_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                                     VekrCuboid srcVoi, const float* const pxMap[],
+                                                     const float* const pyMap[], const float* const pzMap[],
+                                                     int mapStep, uint8_t* const pDst[], int dstStep,
+                                                     VekrVolume dstVolume, int interpolation) {
     return ownRemap(pSrc, srcVolume, srcStep, srcVoi, pxMap, pyMap, pzMap, mapStep, pDst, dstStep, dstVolume,
                     interpolation);
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrRemap_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume,
-                                                           int srcStep, VekrCuboid srcVoi, const float* const pxMap[],
-                                                           const float* const pyMap[], const float* const pzMap[],
-                                                           int mapStep, uint16_t* const pDst[], int dstStep,
-                                                           VekrVolume dstVolume, int interpolation) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrRemap_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                                      VekrCuboid srcVoi, const float* const pxMap[],
+                                                      const float* const pyMap[], const float* const pzMap[],
+                                                      int mapStep, uint16_t* const pDst[], int dstStep,
+                                                      VekrVolume dstVolume, int interpolation) {
     return ownRemap(pSrc, srcVolume, srcStep, srcVoi, pxMap, pyMap, pzMap, mapStep, pDst, dstStep, dstVolume,
                     interpolation);
 }
 
 extern "C" OWN_SSE_ENTRY VekStatus vekrRemap_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume, int srcStep,
-                                                           VekrCuboid srcVoi, const float* const pxMap[],
-                                                           const float* const pyMap[], const float* const pzMap[],
-                                                           int mapStep, float* const pDst[], int dstStep,
-                                                           VekrVolume dstVolume, int interpolation) {
+                                                      VekrCuboid srcVoi, const float* const pxMap[],
+                                                      const float* const pyMap[], const float* const pzMap[],
+                                                      int mapStep, float* const pDst[], int dstStep,
+                                                      VekrVolume dstVolume, int interpolation) {
     return ownRemap(pSrc, srcVolume, srcStep, srcVoi, pxMap, pyMap, pzMap, mapStep, pDst, dstStep, dstVolume,
                     interpolation);
 }

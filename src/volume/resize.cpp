@@ -54,9 +54,8 @@ struct OwnVolumePV {
     T* const* planes;
     std::ptrdiff_t step;
     T* row(int z, int y) const {
-        return reinterpret_cast<T*>(reinterpret_cast<unsigned char*>(const_cast<void*>(
-                                        static_cast<const void*>(planes[z]))) +
-                                    y * step);
+        return reinterpret_cast<T*>(
+            reinterpret_cast<unsigned char*>(const_cast<void*>(static_cast<const void*>(planes[z]))) + y * step);
     }
 };
 
@@ -138,11 +137,11 @@ inline std::size_t ownRound64(std::size_t n) { return (n + 63) & ~std::size_t(63
 // of w x h x d voxels. Every piece is a multiple of 16 bytes, so each starts
 // 16-byte aligned when the slice does.
 struct OwnResizeLayout {
-    std::size_t indexX, indexY, indexZ;      // first taps
-    std::size_t weightX, weightY, weightZ;   // fractions or weight quadruples
-    std::size_t rowFloats;                   // floats of one x row
-    std::size_t planeRowFloats;              // row stride of an intermediate plane
-    std::size_t rows, planes;                // bytes of the x-row and plane caches
+    std::size_t indexX, indexY, indexZ;     // first taps
+    std::size_t weightX, weightY, weightZ;  // fractions or weight quadruples
+    std::size_t rowFloats;                  // floats of one x row
+    std::size_t planeRowFloats;             // row stride of an intermediate plane
+    std::size_t rows, planes;               // bytes of the x-row and plane caches
     std::size_t total;
 };
 
@@ -334,9 +333,9 @@ void ownXPass(const T* src, const OwnAxis& a, float* out) {
 template <int kTaps, class TOut>
 inline void ownCombineScalar(const float* const* rows, const float* w, TOut* out, int from, int n) {
     for (int i = from; i < n; ++i) {
-        const float s = kTaps == 2 ? ownLerp(rows[0][i], rows[1][i], w[0])
-                                   : ownCubicSum(rows[0][i], rows[1][i], rows[kTaps > 2 ? 2 : 0][i],
-                                                 rows[kTaps > 3 ? 3 : 0][i], w);
+        const float s =
+            kTaps == 2 ? ownLerp(rows[0][i], rows[1][i], w[0])
+                       : ownCubicSum(rows[0][i], rows[1][i], rows[kTaps > 2 ? 2 : 0][i], rows[kTaps > 3 ? 3 : 0][i], w);
         out[i] = ownStoreInterp<TOut>(s);
     }
 }
@@ -503,16 +502,16 @@ inline unsigned char* ownAlignSlice(unsigned char* p) {
 // q + 1 (or q) planes, which never exceeds the slice the size query reserved
 // per thread for the whole region.
 template <class T, class SrcVol, class DstVol>
-void ownResizeSlabs_MT(const OwnResizeContext& c, const SrcVol& src, const DstVol& dst, unsigned char* buffer,
-                       bool vec, int numThreads) {
+void ownResizeSlabs_MT(const OwnResizeContext& c, const SrcVol& src, const DstVol& dst, unsigned char* buffer, bool vec,
+                       int numThreads) {
 #pragma omp parallel num_threads(numThreads)
     {
         const int team = omp_get_num_threads();
         const int me = omp_get_thread_num();
         const int q = c.dstDepth / team, r = c.dstDepth % team;
-        const std::uint32_t share = ownResizeSliceBytes(ownResizeBufPerThread(
-            static_cast<std::uint32_t>(c.dstWidth), static_cast<std::uint32_t>(c.dstHeight),
-            static_cast<std::uint32_t>(q + (r > 0 ? 1 : 0)), 1u, c.interpolation));
+        const std::uint32_t share = ownResizeSliceBytes(
+            ownResizeBufPerThread(static_cast<std::uint32_t>(c.dstWidth), static_cast<std::uint32_t>(c.dstHeight),
+                                  static_cast<std::uint32_t>(q + (r > 0 ? 1 : 0)), 1u, c.interpolation));
         const int zBeg = c.dstZ0 + me * q + (me < r ? me : r);
         const int zEnd = zBeg + q + (me < r ? 1 : 0);
         if (zEnd > zBeg)
@@ -533,12 +532,11 @@ inline double ownMinD(double a, double b) { return a < b ? a : b; }
 // The start rounds half down and the end half up, as the cuboid query does.
 // Results beyond any real volume are held to +-2^40 so they convert safely;
 // such an axis is empty or the call is meaningless anyway.
-inline void ownDstAxis(int s0, int srcExtent, int v0, int vExtent, double factor, double shift, int* d0,
-                       int* d1) {
+inline void ownDstAxis(int s0, int srcExtent, int v0, int vExtent, double factor, double shift, int* d0, int* d1) {
     const double a = ownMaxD(s0 * factor + shift, v0) + 0.4999999999;
-    const double b = ownMinD((static_cast<double>(s0) + srcExtent) * factor + shift,
-                             static_cast<double>(v0) + vExtent) +
-                     0.5000000001;
+    const double b =
+        ownMinD((static_cast<double>(s0) + srcExtent) * factor + shift, static_cast<double>(v0) + vExtent) +
+        0.5000000001;
     const double lim = 1099511627776.0;
     const std::int64_t i0 = static_cast<std::int64_t>(std::trunc(ownClampD(a, -lim, lim)));
     const std::int64_t i1 = static_cast<std::int64_t>(std::trunc(ownClampD(b, -lim, lim)));
@@ -615,9 +613,9 @@ bool ownUseVectorPV(const OwnResizeContext& c, const OwnVolumePV<const T>& src, 
 
 template <class T>
 VekStatus ownResizeV(const T* pSrc, VekrVolume srcVolume, int srcStep, int srcPlaneStep, VekrCuboid srcVoi, T* pDst,
-                     int dstStep, int dstPlaneStep, VekrCuboid dstVoi, double xFactor, double yFactor,
-                     double zFactor, double xShift, double yShift, double zShift, int interpolation,
-                     unsigned char* pBuffer, bool parallel) {
+                     int dstStep, int dstPlaneStep, VekrCuboid dstVoi, double xFactor, double yFactor, double zFactor,
+                     double xShift, double yShift, double zShift, int interpolation, unsigned char* pBuffer,
+                     bool parallel) {
     OwnResizeContext c;
     const VekStatus st = ownResizeCheck(pSrc, pDst, pBuffer, srcVolume, srcVoi, dstVoi, xFactor, yFactor, zFactor,
                                         xShift, yShift, zShift, interpolation, &c);
@@ -664,67 +662,60 @@ using namespace vekr;
 // ---------------------------------------------------------------------------
 
 extern "C" OWN_SSE_ENTRY VekStatus vekrResize_8u_C1V(const uint8_t* pSrc, VekrVolume srcVolume, int srcStep,
-                                                         int srcPlaneStep, VekrCuboid srcVoi, uint8_t* pDst,
-                                                         int dstStep, int dstPlaneStep, VekrCuboid dstVoi,
-                                                         double xFactor, double yFactor, double zFactor,
-                                                         double xShift, double yShift, double zShift,
-                                                         int interpolation, uint8_t* pBuffer) {
-    return ownResizeV<std::uint8_t>(pSrc, srcVolume, srcStep, srcPlaneStep, srcVoi, pDst, dstStep, dstPlaneStep,
-                                    dstVoi, xFactor, yFactor, zFactor, xShift, yShift, zShift, interpolation,
-                                    pBuffer, false);
+                                                     int srcPlaneStep, VekrCuboid srcVoi, uint8_t* pDst, int dstStep,
+                                                     int dstPlaneStep, VekrCuboid dstVoi, double xFactor,
+                                                     double yFactor, double zFactor, double xShift, double yShift,
+                                                     double zShift, int interpolation, uint8_t* pBuffer) {
+    return ownResizeV<std::uint8_t>(pSrc, srcVolume, srcStep, srcPlaneStep, srcVoi, pDst, dstStep, dstPlaneStep, dstVoi,
+                                    xFactor, yFactor, zFactor, xShift, yShift, zShift, interpolation, pBuffer, false);
 }
 
 extern "C" OWN_SSE_ENTRY VekStatus vekrResize_16u_C1V(const uint16_t* pSrc, VekrVolume srcVolume, int srcStep,
-                                                          int srcPlaneStep, VekrCuboid srcVoi, uint16_t* pDst,
-                                                          int dstStep, int dstPlaneStep, VekrCuboid dstVoi,
-                                                          double xFactor, double yFactor, double zFactor,
-                                                          double xShift, double yShift, double zShift,
-                                                          int interpolation, uint8_t* pBuffer) {
+                                                      int srcPlaneStep, VekrCuboid srcVoi, uint16_t* pDst, int dstStep,
+                                                      int dstPlaneStep, VekrCuboid dstVoi, double xFactor,
+                                                      double yFactor, double zFactor, double xShift, double yShift,
+                                                      double zShift, int interpolation, uint8_t* pBuffer) {
     return ownResizeV<std::uint16_t>(pSrc, srcVolume, srcStep, srcPlaneStep, srcVoi, pDst, dstStep, dstPlaneStep,
-                                     dstVoi, xFactor, yFactor, zFactor, xShift, yShift, zShift, interpolation,
-                                     pBuffer, false);
+                                     dstVoi, xFactor, yFactor, zFactor, xShift, yShift, zShift, interpolation, pBuffer,
+                                     false);
 }
 
 // The float variant works in element steps: the byte steps are divided by 4
 // (truncating) before the kernel sees them, and it is the one resize that
 // splits its work between threads.
 extern "C" OWN_SSE_ENTRY VekStatus vekrResize_32f_C1V(const float* pSrc, VekrVolume srcVolume, int srcStep,
-                                                          int srcPlaneStep, VekrCuboid srcVoi, float* pDst,
-                                                          int dstStep, int dstPlaneStep, VekrCuboid dstVoi,
-                                                          double xFactor, double yFactor, double zFactor,
-                                                          double xShift, double yShift, double zShift,
-                                                          int interpolation, uint8_t* pBuffer) {
+                                                      int srcPlaneStep, VekrCuboid srcVoi, float* pDst, int dstStep,
+                                                      int dstPlaneStep, VekrCuboid dstVoi, double xFactor,
+                                                      double yFactor, double zFactor, double xShift, double yShift,
+                                                      double zShift, int interpolation, uint8_t* pBuffer) {
     return ownResizeV<float>(pSrc, srcVolume, srcStep / 4 * 4, srcPlaneStep / 4 * 4, srcVoi, pDst, dstStep / 4 * 4,
                              dstPlaneStep / 4 * 4, dstVoi, xFactor, yFactor, zFactor, xShift, yShift, zShift,
                              interpolation, pBuffer, true);
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrResize_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume,
-                                                          int srcStep, VekrCuboid srcVoi, uint8_t* const pDst[],
-                                                          int dstStep, VekrCuboid dstVoi, double xFactor,
-                                                          double yFactor, double zFactor, double xShift,
-                                                          double yShift, double zShift, int interpolation,
-                                                          uint8_t* pBuffer) {
-    return ownResizePV<std::uint8_t>(pSrc, srcVolume, srcStep, srcVoi, pDst, dstStep, dstVoi, xFactor, yFactor,
-                                     zFactor, xShift, yShift, zShift, interpolation, pBuffer);
+extern "C" OWN_SSE_ENTRY VekStatus vekrResize_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                                      VekrCuboid srcVoi, uint8_t* const pDst[], int dstStep,
+                                                      VekrCuboid dstVoi, double xFactor, double yFactor, double zFactor,
+                                                      double xShift, double yShift, double zShift, int interpolation,
+                                                      uint8_t* pBuffer) {
+    return ownResizePV<std::uint8_t>(pSrc, srcVolume, srcStep, srcVoi, pDst, dstStep, dstVoi, xFactor, yFactor, zFactor,
+                                     xShift, yShift, zShift, interpolation, pBuffer);
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrResize_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume,
-                                                           int srcStep, VekrCuboid srcVoi, uint16_t* const pDst[],
-                                                           int dstStep, VekrCuboid dstVoi, double xFactor,
-                                                           double yFactor, double zFactor, double xShift,
-                                                           double yShift, double zShift, int interpolation,
-                                                           uint8_t* pBuffer) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrResize_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                                       VekrCuboid srcVoi, uint16_t* const pDst[], int dstStep,
+                                                       VekrCuboid dstVoi, double xFactor, double yFactor,
+                                                       double zFactor, double xShift, double yShift, double zShift,
+                                                       int interpolation, uint8_t* pBuffer) {
     return ownResizePV<std::uint16_t>(pSrc, srcVolume, srcStep, srcVoi, pDst, dstStep, dstVoi, xFactor, yFactor,
                                       zFactor, xShift, yShift, zShift, interpolation, pBuffer);
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrResize_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume,
-                                                           int srcStep, VekrCuboid srcVoi, float* const pDst[],
-                                                           int dstStep, VekrCuboid dstVoi, double xFactor,
-                                                           double yFactor, double zFactor, double xShift,
-                                                           double yShift, double zShift, int interpolation,
-                                                           uint8_t* pBuffer) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrResize_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                                       VekrCuboid srcVoi, float* const pDst[], int dstStep,
+                                                       VekrCuboid dstVoi, double xFactor, double yFactor,
+                                                       double zFactor, double xShift, double yShift, double zShift,
+                                                       int interpolation, uint8_t* pBuffer) {
     return ownResizePV<float>(pSrc, srcVolume, srcStep, srcVoi, pDst, dstStep, dstVoi, xFactor, yFactor, zFactor,
                               xShift, yShift, zShift, interpolation, pBuffer);
 }

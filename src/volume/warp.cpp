@@ -94,7 +94,7 @@ VekStatus ownWarpAffine(const T* const pSrc[], VekrVolume srcVolume, int srcStep
 using vekr::ownWarpAffine;
 
 extern "C" OWN_SSE_ENTRY VekStatus vekrWarpAffineGetBufSize(VekrCuboid srcVoi, VekrCuboid dstVoi, int nChannel,
-                                                                 int interpolation, int* pSize) {
+                                                            int interpolation, int* pSize) {
     if (!pSize) return vekStatusNullPtr;
     if (vekr::ownBadCuboid(srcVoi) || vekr::ownBadCuboid(dstVoi)) return vekStatusBadSize;
     if (nChannel != 1) return vekStatusBadNumChannels;
@@ -104,28 +104,25 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrWarpAffineGetBufSize(VekrCuboid srcVoi, V
 }
 
 extern "C" OWN_SSE_ENTRY VekStatus vekrWarpAffine_8u_C1PV(const uint8_t* const pSrc[], VekrVolume srcVolume,
-                                                               int srcStep, VekrCuboid srcVoi, uint8_t* const pDst[],
-                                                               int dstStep, VekrCuboid dstVoi,
-                                                               const double coeffs[3][4], int interpolation,
-                                                               uint8_t* pBuffer) {
+                                                          int srcStep, VekrCuboid srcVoi, uint8_t* const pDst[],
+                                                          int dstStep, VekrCuboid dstVoi, const double coeffs[3][4],
+                                                          int interpolation, uint8_t* pBuffer) {
     (void)pBuffer;
     return ownWarpAffine(pSrc, srcVolume, srcStep, srcVoi, pDst, dstStep, dstVoi, coeffs, interpolation);
 }
 
 extern "C" OWN_SSE_ENTRY VekStatus vekrWarpAffine_16u_C1PV(const uint16_t* const pSrc[], VekrVolume srcVolume,
-                                                                int srcStep, VekrCuboid srcVoi, uint16_t* const pDst[],
-                                                                int dstStep, VekrCuboid dstVoi,
-                                                                const double coeffs[3][4], int interpolation,
-                                                                uint8_t* pBuffer) {
+                                                           int srcStep, VekrCuboid srcVoi, uint16_t* const pDst[],
+                                                           int dstStep, VekrCuboid dstVoi, const double coeffs[3][4],
+                                                           int interpolation, uint8_t* pBuffer) {
     (void)pBuffer;
     return ownWarpAffine(pSrc, srcVolume, srcStep, srcVoi, pDst, dstStep, dstVoi, coeffs, interpolation);
 }
 
-extern "C" OWN_SSE_ENTRY VekStatus vekrWarpAffine_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume,
-                                                                int srcStep, VekrCuboid srcVoi, float* const pDst[],
-                                                                int dstStep, VekrCuboid dstVoi,
-                                                                const double coeffs[3][4], int interpolation,
-                                                                uint8_t* pBuffer) {
+extern "C" OWN_SSE_ENTRY VekStatus vekrWarpAffine_32f_C1PV(const float* const pSrc[], VekrVolume srcVolume, int srcStep,
+                                                           VekrCuboid srcVoi, float* const pDst[], int dstStep,
+                                                           VekrCuboid dstVoi, const double coeffs[3][4],
+                                                           int interpolation, uint8_t* pBuffer) {
     (void)pBuffer;
     return ownWarpAffine(pSrc, srcVolume, srcStep, srcVoi, pDst, dstStep, dstVoi, coeffs, interpolation);
 }

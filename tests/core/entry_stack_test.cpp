@@ -151,9 +151,7 @@ TEST(EntryPoints, GiveTheSameResultsFromAStackOffSixteenByteAlignment) {
         {"vekrSHTFwd_32f_C1I", reinterpret_cast<const void*>(&vekrSHTFwd_32f_C1I),
          [&] { std::memset(coeffs.data(), 0, 256 * 4); },
          [&] { return vekrSHTFwd_32f_C1I(x.data(), y.data(), z.data(), val.data(), n, coeffs.data(), 15, sh); },
-         [&] {
-             return Words() << x.data() << y.data() << z.data() << val.data() << n << coeffs.data() << 15u << sh;
-         },
+         [&] { return Words() << x.data() << y.data() << z.data() << val.data() << n << coeffs.data() << 15u << sh; },
          [&] { return bytesOf(coeffs.data(), 256 * 4); }},
         {"vekrKDTreeBuildAlloc", reinterpret_cast<const void*>(&vekrKDTreeBuildAlloc),
          [&] {
@@ -187,23 +185,23 @@ TEST(EntryPoints, GiveTheSameResultsFromAStackOffSixteenByteAlignment) {
         {"vekrResize_32f_C1V", reinterpret_cast<const void*>(&vekrResize_32f_C1V),
          [&] { std::fill(rdst.begin(), rdst.end(), 0.0f); },
          [&] {
-             return vekrResize_32f_C1V(src.data(), vol, 9 * 4, 63 * 4, whole, rdst.data(), 17 * 4, 221 * 4, big, fx,
-                                       fy, fz, zero, zero, zero, 6, resizeBuf.data());
+             return vekrResize_32f_C1V(src.data(), vol, 9 * 4, 63 * 4, whole, rdst.data(), 17 * 4, 221 * 4, big, fx, fy,
+                                       fz, zero, zero, zero, 6, resizeBuf.data());
          },
          [&] {
-             return Words() << src.data() << vol << 9 * 4 << 63 * 4 << whole << rdst.data() << 17 * 4 << 221 * 4
-                            << big << fx << fy << fz << zero << zero << zero << 6 << resizeBuf.data();
+             return Words() << src.data() << vol << 9 * 4 << 63 * 4 << whole << rdst.data() << 17 * 4 << 221 * 4 << big
+                            << fx << fy << fz << zero << zero << zero << 6 << resizeBuf.data();
          },
          [&] { return bytesOf(rdst.data(), rdst.size() * 4); }},
         {"vekrFilter_16s_C1PV", reinterpret_cast<const void*>(&vekrFilter_16s_C1PV),
          [&] { std::fill(fdst.begin(), fdst.end(), std::int16_t(0)); },
          [&] {
-             return vekrFilter_16s_C1PV(fsrcRegion, 9 * 2, fdstPlanes.data(), 9 * 2, fvol, kernel.data(), kvol,
-                                        anchor, 7, filterBuf.data());
+             return vekrFilter_16s_C1PV(fsrcRegion, 9 * 2, fdstPlanes.data(), 9 * 2, fvol, kernel.data(), kvol, anchor,
+                                        7, filterBuf.data());
          },
          [&] {
-             return Words() << fsrcRegion << 9 * 2 << fdstPlanes.data() << 9 * 2 << fvol << kernel.data()
-                            << kvol << anchor << 7 << filterBuf.data();
+             return Words() << fsrcRegion << 9 * 2 << fdstPlanes.data() << 9 * 2 << fvol << kernel.data() << kvol
+                            << anchor << 7 << filterBuf.data();
          },
          [&] { return bytesOf(fdst.data(), fdst.size() * 2); }},
     };
