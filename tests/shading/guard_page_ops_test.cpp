@@ -13,6 +13,7 @@
 #include "guard_page.h"
 #include "packet_op_table.h"
 #include "testutil.h"
+#include "vekcore.h"
 
 namespace {
 
@@ -148,6 +149,60 @@ TEST(PacketOpsBadCounts, DivNegativeCountDoesNotReachBeforeTheArrays) {
         EXPECT_TRUE(dst.slackIntact());
         EXPECT_TRUE(vt::SameBits(dst.vec(), std::vector<float>{1, 1, 1, 1}));
     }
+}
+
+// Eye-ray blocks of more than INT32_MAX rays cannot match arrays the caller
+// holds (the product wraps in 32 bits): vekStatusBadSize, nothing written.
+TEST(PacketOpsBadSizes, EyeRayBlocksThatOverflowAreRefused) {
+    const float origin[3] = {0, 0, 1}, stepX[3] = {1, 0, 0}, stepY[3] = {0, 1, 0};
+    const int kSizes[][2] = {{65536, 65536}, {46341, 46341}, {INT_MAX, 2}, {2, INT_MAX}, {65536, 32768}};
+    for (const auto& s : kSizes)
+        for (vt::GuardSide side : {vt::GuardSide::After, vt::GuardSide::Before}) {
+            vt::GuardedPlanes<float> dir(16, 0, side);
+            for (int c = 0; c < 3; ++c) dir.p[c].fill(-7.25f);
+            const auto before = dir.bytes();
+            EXPECT_EQ(vekrCastEye_32f(origin, stepX, stepY, 0, 0, 4, 4, dir.ptrs(), s[0], s[1]), vekStatusBadSize)
+                << s[0] << "x" << s[1];
+            EXPECT_TRUE(vt::SameBits(before, dir.bytes()));
+        }
+    // The largest block that fits still runs: one row of width 65535 x 32768 is
+    // not needed to show it; a 65535 x 1 block is written in full.
+    vt::GuardedPlanes<float> dir(65535, 0, vt::GuardSide::After);
+    EXPECT_EQ(vekrCastEye_32f(origin, stepX, stepY, 0, 0, 4, 4, dir.ptrs(), 65535, 1), vekStatusOk);
+    EXPECT_EQ(dir.p[0][65534], 65534.0f);
+    EXPECT_TRUE(dir.slackIntact());
+}
+
+// A triangle count whose 16-byte rows cannot fit in the address space (only
+// possible on 32-bit targets) is refused before any thread starts.
+TEST(PacketOpsBadSizes, TriangleNormalCountBeyondTheAddressSpaceIsRefused) {
+    if (sizeof(void*) != 4) GTEST_SKIP() << "every int count fits the address space here";
+    vt::Guarded<float> vert(9), out(3);
+    vt::Guarded<std::int32_t> tri(std::vector<std::int32_t>{0, 1, 2, 0});
+    out.fill(-7.25f);
+    for (int n : {INT_MAX, 134217728})
+        EXPECT_EQ(vekrTriangleNormal_32f(vert.data(), tri.data(), out.data(), n), vekStatusBadSize) << n;
+    EXPECT_TRUE(vt::SameBits(out.vec(), std::vector<float>(3, -7.25f)));
+}
+
+// The largest thread count a caller can set: the team is never larger than
+// the work (libgomp ended the process when asked for INT_MAX threads), and
+// the normals are those of a single thread.
+TEST(PacketOpsBadSizes, TriangleNormalWithTheLargestThreadCount) {
+    int saved = 0;
+    ASSERT_EQ(vekGetNumThreads(&saved), vekStatusOk);
+    vt::Rng rng(9);
+    const int n = 5;
+    const std::vector<float> vert = st::floats(rng, 9 * n, -2, 2, 0);
+    std::vector<std::int32_t> tri;
+    for (int t = 0; t < n; ++t) tri.insert(tri.end(), {3 * t, 3 * t + 1, 3 * t + 2, -1});
+    std::vector<float> one(3 * n), many(3 * n);
+    ASSERT_EQ(vekSetNumThreads(1), vekStatusOk);
+    EXPECT_EQ(vekrTriangleNormal_32f(vert.data(), tri.data(), one.data(), n), vekStatusOk);
+    ASSERT_EQ(vekSetNumThreads(INT_MAX), vekStatusOk);
+    EXPECT_EQ(vekrTriangleNormal_32f(vert.data(), tri.data(), many.data(), n), vekStatusOk);
+    ASSERT_EQ(vekSetNumThreads(saved), vekStatusOk);
+    EXPECT_TRUE(vt::SameBits(one, many));
 }
 
 }  // namespace
