@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "core/own.h"
+#include "volume/team.h"
 
 namespace {
 
@@ -327,7 +328,7 @@ inline void ownFilterRow(const FilterJob& job, const FilterShare& s, std::int64_
 // the result does not depend on the thread count.
 void ownFilter_MT(const FilterJob& job, int numThreads) {
     const std::int64_t rows = static_cast<std::int64_t>(job.height) * job.depth;
-#pragma omp parallel num_threads(numThreads)
+#pragma omp parallel num_threads(vekr::ownVolumeTeam(numThreads, rows))
     {
         const FilterShare s = ownPrepareShare(job, omp_get_thread_num());
 #pragma omp for schedule(static)

@@ -18,6 +18,7 @@
 #include "core/own.h"
 #include "volume/interp_weights.h"
 #include "volume/resize_geometry.h"
+#include "volume/team.h"
 
 namespace vekr {
 namespace {
@@ -504,7 +505,7 @@ inline unsigned char* ownAlignSlice(unsigned char* p) {
 template <class T, class SrcVol, class DstVol>
 void ownResizeSlabs_MT(const OwnResizeContext& c, const SrcVol& src, const DstVol& dst, unsigned char* buffer, bool vec,
                        int numThreads) {
-#pragma omp parallel num_threads(numThreads)
+#pragma omp parallel num_threads(ownVolumeTeam(numThreads, c.dstDepth))
     {
         const int team = omp_get_num_threads();
         const int me = omp_get_thread_num();
