@@ -685,9 +685,16 @@ TEST(VolumeRobust, ResizeFactorsAndShiftsOfAnyValue) {
                 if (st == vekStatusNoOperation) {
                     vv::forEachVoxel(10, 10, 10, [&](int x, int y, int z) { ASSERT_EQ(dst.at(x, y, z), -5.0f); });
                 }
-                VekrCuboid cub;
+                // The cuboid query: a region it can describe, nothing, or a
+                // refusal of a region beyond the int range.
+                VekrCuboid cub{-9, -9, -9, -9, -9, -9};
                 const VekStatus cs = vekrGetResizeCuboid(sVoi, &cub, f, 1.0 / f > 0 ? f : 1.0, 2.0, s, -s, s, code);
-                EXPECT_TRUE(cs == vekStatusOk || cs == vekStatusNoOperation) << cs;
+                EXPECT_TRUE(cs == vekStatusOk || cs == vekStatusNoOperation || cs == vekStatusBadSize) << cs;
+                if (cs == vekStatusOk)
+                    EXPECT_TRUE(cub.x >= 0 && cub.y >= 0 && cub.z >= 0 && cub.width > 0 && cub.height > 0 &&
+                                cub.depth > 0);
+                else
+                    EXPECT_EQ(cub.x, -9);
             }
     EXPECT_GT(written, 0);
 }
