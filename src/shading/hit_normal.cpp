@@ -63,7 +63,10 @@ OWN_LANE void ownFlatNormal(IO, int i, const float* triNorm, const std::int32_t*
     auto gather = [&](auto allHit) OWN_KERNEL {
         IO::gather3(n, [&](int k) {
             const std::int32_t t = triIndex[i + k];
-            return IO::template pick<allHit.value>(t, triNorm, 3 * static_cast<std::ptrdiff_t>(t), kZeroNormal);
+            // The offset of a miss (any negative t, INT32_MIN included) is
+            // formed with wrap-around and never used.
+            const std::ptrdiff_t offset = static_cast<std::ptrdiff_t>(3u * static_cast<std::size_t>(t));
+            return IO::template pick<allHit.value>(t, triNorm, offset, kZeroNormal);
         });
     };
     if (IO::allHit(IO::loadI(triIndex + i)))
