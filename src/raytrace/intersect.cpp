@@ -389,15 +389,20 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectMultipleSO_32f(const float* pOri
                                                                float* pDist, float* const pHit[2], int32_t* pTrngl,
                                                                int width, int height, int depth,
                                                                const VekrIntersectContext* pContext) {
-    // An empty block or a depth below 1 asks for nothing, and nothing is
-    // written: a product of two negative sizes is no array size. Nor is a
-    // product beyond an int32 count (formed stepwise, so that it cannot
-    // overflow itself).
-    if (height < 1 || width < 1 || depth < 1) return vekStatusOk;
+    // Every index entry starts as a miss: all depth x width x height of them,
+    // whenever that product is at least 1 (the signs of the three sizes may
+    // cancel). A product beyond an int32 count is no array size and is left
+    // alone; |width x height| <= 2^62, so the product is formed exactly once
+    // that plane is known to be small enough.
     const int64_t plane = static_cast<int64_t>(width) * height;
-    if (!ownBlockFits(plane) || !ownBlockFits(plane * depth)) return vekStatusOk;
-    const int64_t total = plane * depth;
-    for (int64_t n = 0; n < total; ++n) pTrngl[n] = -1;
+    const bool planeSmall = plane >= -INT64_C(2147483648) && ownBlockFits(plane);
+    const int64_t total = planeSmall ? plane * depth : 0;
+    const bool fits = planeSmall && ownBlockFits(total);
+    if (fits && total >= 1)
+        for (int64_t n = 0; n < total; ++n) pTrngl[n] = -1;
+    // An empty block or a depth below 1 searches nothing; nor does a block
+    // too large to be an array.
+    if (height < 1 || width < 1 || depth < 1 || !fits) return vekStatusOk;
     const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
                         ownAllAligned16(pDirection[0], pDirection[1], pDirection[2], pDist, pHit[0], pHit[1], pTrngl);
     const OwnLevels out{pDist, pHit, pTrngl, static_cast<std::size_t>(width) * static_cast<std::size_t>(height), depth};
