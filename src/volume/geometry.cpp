@@ -66,12 +66,11 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrGetResizeCuboid(VekrCuboid srcVoi, VekrCu
     const OwnAxisSpan z = ownCuboidAxis(srcVoi.z, srcVoi.depth, zFactor, zShift);
     if (!(x.end > x.start) || !(y.end > y.start) || !(z.end > z.start)) return vekStatusNoOperation;
 
-    // The spans are integral doubles. One beyond the int32 range (a huge
-    // factor or shift, or an infinite factor) converts to INT32_MIN, the
-    // value a 32-bit SSE conversion gives for it.
-    auto toInt = [](double v) {
-        return (v > -2147483649.0 && v < 2147483648.0) ? static_cast<std::int32_t>(v) : INT32_MIN;
-    };
+    // The spans are integral doubles from 0 up. A region reaching past the
+    // int32 range (a huge factor or shift, or an infinite factor) cannot be
+    // described by a cuboid: refused rather than reported wrapped.
+    if (!(x.end <= 2147483647.0) || !(y.end <= 2147483647.0) || !(z.end <= 2147483647.0)) return vekStatusBadSize;
+    auto toInt = [](double v) { return static_cast<std::int32_t>(v); };
     pDstVoi->x = toInt(x.start);
     pDstVoi->y = toInt(y.start);
     pDstVoi->z = toInt(z.start);
