@@ -27,6 +27,7 @@ const char* const kUsage =
     "      --target X,Y,Z     point looked at (default: the mesh's centre)\n"
     "      --fov DEG          vertical field of view, 1 to 170 (default 35)\n"
     "      --light X,Y,Z      point light position (default: above, to the left)\n"
+    "  -S, --samples N        N x N stratified samples per pixel, 1 to 16 (default 2)\n"
     "      --tile N           tile edge in pixels, 4 to 512 (default 32)\n"
     "  -t, --threads N        render threads (default: all processors)\n"
     "      --reflect K        ground mirror share, 0 to 1 (default 0.25)\n"
@@ -123,6 +124,10 @@ int main(int argc, char** argv) {
         } else if (a == "--fov") {
             std::string v = value("--fov");
             if (!parseFloat(v.c_str(), 1, 170, opt.fovDeg)) fail("invalid --fov '" + v + "': expected 1 to 170", 2);
+        } else if (a == "-S" || a == "--samples") {
+            std::string v = value("--samples");
+            if (!parseInt(v.c_str(), 1, 16, opt.samples))
+                fail("invalid --samples '" + v + "': expected 1 to 16", 2);
         } else if (a == "--tile") {
             std::string v = value("--tile");
             if (!parseInt(v.c_str(), 4, 512, opt.tile)) fail("invalid --tile '" + v + "': expected 4 to 512", 2);
