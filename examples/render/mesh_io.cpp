@@ -1,5 +1,8 @@
-// Mesh input: OBJ through tinyobjloader (header-only use, so the same code
-// builds for both targets), STL by hand.
+// Mesh input. With assimp (Debian's libassimp-dev) every format it knows is
+// read through it: OBJ, STL, PLY, 3DS, glTF, COLLADA, FBX and more. Builds
+// without it (the i386 target, for which Debian has no 32-bit assimp here)
+// read OBJ through tinyobjloader and STL by hand. glmark2's own .jobj (an
+// indexed triangle list) is read here: no library knows it.
 #include "mesh_io.h"
 
 #include <cerrno>
@@ -9,8 +12,14 @@
 #include <fstream>
 #include <sstream>
 
+#ifdef VEKR_RENDER_ASSIMP
+#include <assimp/Importer.hpp>
+#include <assimp/postprocess.h>
+#include <assimp/scene.h>
+#else
 #define TINYOBJLOADER_IMPLEMENTATION
 #include <tiny_obj_loader.h>
+#endif
 
 namespace render {
 namespace {
@@ -30,6 +39,7 @@ std::string firstLine(const std::string& s) {
     return t.empty() ? std::string("unknown error") : t;
 }
 
+#ifndef VEKR_RENDER_ASSIMP
 bool loadObj(const std::string& path, Mesh& mesh, std::string& error) {
     tinyobj::attrib_t attrib;
     std::vector<tinyobj::shape_t> shapes;
@@ -129,15 +139,146 @@ bool loadStl(const std::string& path, Mesh& mesh, std::string& error) {
     return true;
 }
 
+#endif  // !VEKR_RENDER_ASSIMP
+
+// glmark2's .jobj: lines "v x y z" (positions), "vn", "vt", "vc" (ignored) and
+// "i n" (vertex indices, three per triangle).
+bool loadJobj(const std::string& path, Mesh& mesh, std::string& error) {
+    std::ifstream in(path);
+    if (!in) {
+        error = "cannot open mesh '" + path + "': " + std::strerror(errno);
+        return false;
+    }
+    mesh = Mesh();
+    std::vector<long> indices;
+    std::string line;
+    while (std::getline(in, line)) {
+        std::istringstream words(line);
+        std::string key;
+        words >> key;
+        if (key == "v") {
+            float x, y, z;
+            if (!(words >> x >> y >> z)) {
+                error = "malformed JOBJ '" + path + "': bad vertex";
+                return false;
+            }
+            mesh.vertices.insert(mesh.vertices.end(), {x, y, z});
+        } else if (key == "i") {
+            long i;
+            if (!(words >> i)) {
+                error = "malformed JOBJ '" + path + "': bad index";
+                return false;
+            }
+            indices.push_back(i);
+        }
+    }
+    for (std::size_t k = 0; k + 2 < indices.size(); k += 3) {
+        for (int c = 0; c < 3; ++c)
+            if (indices[k + c] < 0 || indices[k + c] >= mesh.numVertices()) {
+                error = "malformed JOBJ '" + path + "': vertex index out of range";
+                return false;
+            }
+        mesh.triangles.insert(mesh.triangles.end(), {static_cast<int32_t>(indices[k]),
+                                                     static_cast<int32_t>(indices[k + 1]),
+                                                     static_cast<int32_t>(indices[k + 2]), 0});
+    }
+    return true;
+}
+
+#ifdef VEKR_RENDER_ASSIMP
+// Every triangle of every mesh of the scene, placed by the node transforms
+// (assimp's pre-transform step); polygons are triangulated, points and lines
+// are counted so that a mesh made only of them gets a clear message.
+bool loadWithAssimp(const std::string& path, Mesh& mesh, std::string& error) {
+    Assimp::Importer importer;
+    // Normals, colours and texture coordinates are not used: let assimp skip them.
+    importer.SetPropertyInteger(AI_CONFIG_PP_RVC_FLAGS, aiComponent_NORMALS | aiComponent_TANGENTS_AND_BITANGENTS |
+                                                            aiComponent_COLORS | aiComponent_TEXCOORDS |
+                                                            aiComponent_BONEWEIGHTS | aiComponent_ANIMATIONS |
+                                                            aiComponent_TEXTURES | aiComponent_LIGHTS |
+                                                            aiComponent_CAMERAS | aiComponent_MATERIALS);
+    const aiScene* scene =
+        importer.ReadFile(path, aiProcess_RemoveComponent | aiProcess_Triangulate | aiProcess_JoinIdenticalVertices |
+                                    aiProcess_PreTransformVertices | aiProcess_SortByPType |
+                                    aiProcess_FindInvalidData);
+    if (!scene) {
+        error = "cannot read mesh '" + path + "': " + firstLine(importer.GetErrorString());
+        return false;
+    }
+    mesh = Mesh();
+    long pointsAndLines = 0;
+    for (unsigned m = 0; m < scene->mNumMeshes; ++m) {
+        const aiMesh* am = scene->mMeshes[m];
+        if (!am || !am->mVertices) continue;
+        const int base = mesh.numVertices();
+        if (static_cast<long long>(base) + am->mNumVertices > (1LL << 30)) {
+            error = "mesh '" + path + "' has too many vertices";
+            return false;
+        }
+        for (unsigned v = 0; v < am->mNumVertices; ++v)
+            mesh.vertices.insert(mesh.vertices.end(), {am->mVertices[v].x, am->mVertices[v].y, am->mVertices[v].z});
+        for (unsigned f = 0; f < am->mNumFaces; ++f) {
+            const aiFace& face = am->mFaces[f];
+            if (face.mNumIndices != 3) {
+                ++pointsAndLines;
+                continue;
+            }
+            for (int k = 0; k < 3; ++k)
+                if (face.mIndices[k] >= am->mNumVertices) {
+                    error = "malformed mesh '" + path + "': vertex index out of range";
+                    return false;
+                }
+            mesh.triangles.insert(mesh.triangles.end(), {base + static_cast<int32_t>(face.mIndices[0]),
+                                                         base + static_cast<int32_t>(face.mIndices[1]),
+                                                         base + static_cast<int32_t>(face.mIndices[2]), 0});
+        }
+    }
+    if (mesh.triangles.empty() && pointsAndLines > 0) {
+        error = "mesh '" + path + "' has no triangles, only " + std::to_string(pointsAndLines) + " points or lines";
+        return false;
+    }
+    return true;
+}
+#endif
+
 }  // namespace
 
 bool loadMesh(const std::string& path, Mesh& mesh, std::string& error) {
-    bool ok = endsWith(lower(path), ".stl") ? loadStl(path, mesh, error) : loadObj(path, mesh, error);
-    if (ok && mesh.numTriangles() == 0) {
+    {
+        std::ifstream probe(path, std::ios::binary);
+        if (!probe) {
+            error = "cannot open mesh '" + path + "': " + std::strerror(errno);
+            return false;
+        }
+    }
+    const std::string name = lower(path);
+    bool ok;
+    if (endsWith(name, ".jobj"))
+        ok = loadJobj(path, mesh, error);
+    else
+#ifdef VEKR_RENDER_ASSIMP
+        ok = loadWithAssimp(path, mesh, error);
+#else
+        ok = endsWith(name, ".stl") ? loadStl(path, mesh, error) : loadObj(path, mesh, error);
+#endif
+    if (!ok) return false;
+    if (mesh.numTriangles() == 0) {
         error = "mesh '" + path + "' has no triangles";
         return false;
     }
-    return ok;
+    for (float v : mesh.vertices)
+        if (!std::isfinite(v)) {
+            error = "malformed mesh '" + path + "': non-finite vertex coordinate";
+            return false;
+        }
+    // Every vertex index must lie in the vertex array (the library trusts them).
+    for (std::size_t k = 0; k < mesh.triangles.size(); k += 4)
+        for (int c = 0; c < 3; ++c)
+            if (mesh.triangles[k + c] < 0 || mesh.triangles[k + c] >= mesh.numVertices()) {
+                error = "malformed mesh '" + path + "': vertex index out of range";
+                return false;
+            }
+    return true;
 }
 
 }  // namespace render

@@ -508,6 +508,24 @@ Camera makeCamera(const Options& opt, const VekrBoundBox& b) {
     return cam;
 }
 
+bool attachScene(Scene& s, std::string& error) {
+    s.context.pBound = &s.box;
+    s.context.pAccel = s.accel.data();
+    s.context.pRootNode = s.tree;
+    int size = 0;
+    if (vekrSHGetSize_32f(static_cast<unsigned>(s.shOrder), vekrSHDirect, &size) != vekStatusOk) {
+        error = "unsupported spherical-harmonics order";
+        return false;
+    }
+    s.shState.assign(static_cast<std::size_t>(size) + 16, 0);
+    if (vekrSHInit_32f(const_cast<VekrSHState*>(s.sh()), static_cast<unsigned>(s.shOrder), vekrSHDirect) !=
+        vekStatusOk) {
+        error = "spherical-harmonics state refused";
+        return false;
+    }
+    return true;
+}
+
 bool buildScene(const Mesh& mesh, const Options& opt, Scene& s, std::string& error, StageTimes& times) {
     auto t0 = Clock::now();
     VekrBoundBox meshBox;
@@ -576,9 +594,6 @@ bool buildScene(const Mesh& mesh, const Options& opt, Scene& s, std::string& err
         error = "KD-tree build failed with status " + std::to_string(static_cast<int>(st));
         return false;
     }
-    s.context.pBound = &s.box;
-    s.context.pAccel = s.accel.data();
-    s.context.pRootNode = s.tree;
 
     s.meshBox = meshBox;
     s.camera = makeCamera(opt, meshBox);
@@ -587,7 +602,7 @@ bool buildScene(const Mesh& mesh, const Options& opt, Scene& s, std::string& err
     Vec3 toLight = s.light - c;
     s.lightScale = 0.9f * dot(toLight, toLight);  // unit strength at the mesh's centre
     s.shOrder = opt.shOrder;
-    if (!projectSky(s, error)) return false;
+    if (!projectSky(s, error) || !attachScene(s, error)) return false;
     times.build += since(t0);
     return true;
 }

@@ -45,8 +45,8 @@ struct Scene {
     std::vector<float> triNormals;       // unit normal per triangle (vekrTriangleNormal_32f)
     std::vector<VekrTriangleAccel> accel;
     VekrBoundBox box{};
-    VekrKDTreeNode* tree = nullptr;
-    int treeSize = 0;
+    VekrKDTreeNode* tree = nullptr;      // the KD-tree block (vekMalloc memory, position-independent)
+    int treeSize = 0;                    // its size in bytes
     VekrIntersectContext context{};
     int numMeshTriangles = 0;
     VekrBoundBox meshBox{};
@@ -83,6 +83,11 @@ Camera makeCamera(const Options& opt, const VekrBoundBox& meshBox);
 
 // Builds the scene; false with a one-line error when the library refuses it.
 bool buildScene(const Mesh& mesh, const Options& opt, Scene& scene, std::string& error, StageTimes& times);
+
+// Points the intersection context at the scene's own box, records and tree,
+// and sets up the spherical-harmonics state: what a scene received as bytes
+// from another process needs before it renders.
+bool attachScene(Scene& scene, std::string& error);
 
 // Renders the image with opt.threads threads.
 void renderImage(const Scene& scene, const Options& opt, Image& image, StageTimes& times);
