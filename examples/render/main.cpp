@@ -39,7 +39,10 @@ int main(int argc, char** argv) {
 
     auto t0 = std::chrono::steady_clock::now();
     render::Mesh mesh;
-    if (!render::loadMesh(cl.meshPath, mesh, error)) fail(error);
+    if (cl.generate)
+        render::generateSpheres(cl.generate * 1000000L, mesh);
+    else if (!render::loadMesh(cl.meshPath, mesh, error))
+        fail(error);
     double load = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 
     render::StageTimes times;

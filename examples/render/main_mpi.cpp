@@ -121,7 +121,10 @@ int main(int argc, char** argv) {
     int ok = 1, numTriangles = 0;
     if (rank == 0) {
         render::Mesh mesh;
-        ok = render::loadMesh(cl.meshPath, mesh, error) && render::buildScene(mesh, opt, scene, error, times);
+        if (cl.generate)
+            render::generateSpheres(cl.generate * 1000000L, mesh);
+        ok = (cl.generate || render::loadMesh(cl.meshPath, mesh, error)) &&
+             render::buildScene(mesh, opt, scene, error, times);
         numTriangles = mesh.numTriangles();
     }
     MPI_Bcast(&ok, 1, MPI_INT, 0, MPI_COMM_WORLD);

@@ -6,6 +6,7 @@
 #include "mesh_io.h"
 
 #include <cerrno>
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -279,6 +280,34 @@ bool loadMesh(const std::string& path, Mesh& mesh, std::string& error) {
                 return false;
             }
     return true;
+}
+
+void generateSpheres(long numTriangles, Mesh& mesh) {
+    const int rings = 64, segments = 128;  // 2 * 64 * 128 triangles per sphere, less the poles' slivers
+    const long perSphere = 2L * rings * segments;
+    const int count = static_cast<int>(std::max(1L, (numTriangles + perSphere - 1) / perSphere));
+    const int side = static_cast<int>(std::ceil(std::sqrt(static_cast<double>(count))));
+    const double pi = 3.14159265358979323846;
+    mesh = Mesh();
+    for (int s = 0; s < count; ++s) {
+        const float cx = 2.2f * (s % side), cz = 2.2f * (s / side), r = 0.6f + 0.4f * ((s * 7) % 5) / 4.0f;
+        const int base = mesh.numVertices();
+        for (int i = 0; i <= rings; ++i)
+            for (int j = 0; j < segments; ++j) {
+                double th = pi * i / rings, ph = 2 * pi * j / segments;
+                mesh.vertices.insert(mesh.vertices.end(),
+                                     {cx + r * static_cast<float>(std::sin(th) * std::cos(ph)),
+                                      r + r * static_cast<float>(std::cos(th)),
+                                      cz + r * static_cast<float>(std::sin(th) * std::sin(ph))});
+            }
+        for (int i = 0; i < rings; ++i)
+            for (int j = 0; j < segments; ++j) {
+                int a = base + i * segments + j, b = base + i * segments + (j + 1) % segments;
+                int c = a + segments, d = b + segments;
+                if (i > 0) mesh.triangles.insert(mesh.triangles.end(), {a, b, c, 0});
+                if (i < rings - 1) mesh.triangles.insert(mesh.triangles.end(), {b, d, c, 0});
+            }
+    }
 }
 
 }  // namespace render

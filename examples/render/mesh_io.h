@@ -20,6 +20,10 @@ struct Mesh {
 // returns false and sets `error` to a one-line description.
 bool loadMesh(const std::string& path, Mesh& mesh, std::string& error);
 
+// A generated scene of about `numTriangles` triangles: a square field of
+// spheres of 16,384 triangles each, for trying the renderer on large scenes.
+void generateSpheres(long numTriangles, Mesh& mesh);
+
 }  // namespace render
 
 #endif  // VEKR_RENDER_MESH_IO_H

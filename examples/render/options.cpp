@@ -30,6 +30,7 @@ const char* const kUsage =
     "      --no-ground        no ground plane\n"
     "  -q, --quiet            no progress bar\n"
     "      --frames N         a turntable of N frames, NAME_000.png ... (default: one image)\n"
+    "      --generate N       a generated field of spheres of N million triangles instead of MESH\n"
     "      --stats            print where the time went\n";
 
 namespace {
@@ -99,7 +100,7 @@ int parseCommandLine(int argc, char** argv, CommandLine& cl, std::string& error)
         std::string a = argv[i];
         if ((a == "-o" || a == "--output" || a == "-s" || a == "--size" || a == "--camera" || a == "--target" ||
              a == "--light" || a == "--fov" || a == "-S" || a == "--samples" || a == "--tile" || a == "-t" ||
-             a == "--threads" || a == "--reflect" || a == "--frames") &&
+             a == "--threads" || a == "--reflect" || a == "--frames" || a == "--generate") &&
             i + 1 >= argc)
             FAIL("option " + a + " needs a value", 2);
         auto value = [&](const char*) -> std::string { return argv[++i]; };
@@ -149,6 +150,10 @@ int parseCommandLine(int argc, char** argv, CommandLine& cl, std::string& error)
             opt.progress = false;
         } else if (a == "--stats") {
             cl.stats = true;
+        } else if (a == "--generate") {
+            std::string v = value("--generate");
+            if (!parseInt(v.c_str(), 1, 64, cl.generate))
+                FAIL("invalid --generate '" + v + "': expected 1 to 64 (million triangles)", 2);
         } else if (a == "--frames") {
             std::string v = value("--frames");
             if (!parseInt(v.c_str(), 1, 100000, cl.frames))
@@ -161,6 +166,8 @@ int parseCommandLine(int argc, char** argv, CommandLine& cl, std::string& error)
             FAIL("more than one mesh given ('" + meshPath + "', '" + a + "')", 2);
         }
     }
+    if (cl.generate && !meshPath.empty()) FAIL("--generate and a mesh file '" + meshPath + "' given", 2);
+    if (cl.generate) meshPath = "spheres-" + std::to_string(cl.generate) + "M";
     if (meshPath.empty()) meshPath = kDefaultMesh;
     if (outPath.empty()) outPath = stemPng(meshPath);
     if (opt.eyeSet && opt.targetSet && opt.eye.x == opt.target.x && opt.eye.y == opt.target.y &&

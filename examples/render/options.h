@@ -15,6 +15,7 @@ struct CommandLine {
     bool stats = false;
     bool help = false;
     int frames = 0;  // 0: one still image; N: a turntable of N frames
+    int generate = 0;  // N > 0: render a generated scene of N million triangles instead of a mesh
 };
 
 extern const char* const kUsage;
