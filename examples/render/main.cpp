@@ -41,7 +41,7 @@ int main(int argc, char** argv) {
     render::Mesh mesh;
     if (cl.generate)
         render::generateSpheres(cl.generate * 1000000L, mesh);
-    else if (!render::loadMesh(cl.meshPath, mesh, error))
+    else if (!render::loadMeshIsolated(cl.meshPath, mesh, error, 600))
         fail(error);
     double load = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 

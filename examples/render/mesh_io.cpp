@@ -6,7 +6,13 @@
 #include "mesh_io.h"
 
 #include <cerrno>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -279,6 +285,97 @@ bool loadMesh(const std::string& path, Mesh& mesh, std::string& error) {
                 error = "malformed mesh '" + path + "': vertex index out of range";
                 return false;
             }
+    return true;
+}
+
+namespace {
+
+bool writeAll(int fd, const void* p, std::size_t n) {
+    const char* c = static_cast<const char*>(p);
+    while (n > 0) {
+        ssize_t k = write(fd, c, n);
+        if (k <= 0) return false;
+        c += k;
+        n -= static_cast<std::size_t>(k);
+    }
+    return true;
+}
+
+// Reads n bytes before the deadline; false on end of file, error or timeout.
+bool readAll(int fd, void* p, std::size_t n, std::chrono::steady_clock::time_point deadline) {
+    char* c = static_cast<char*>(p);
+    while (n > 0) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        pollfd pfd{fd, POLLIN, 0};
+        if (poll(&pfd, 1, static_cast<int>(std::min<long long>(left.count(), 1000))) <= 0) continue;
+        ssize_t k = read(fd, c, n);
+        if (k <= 0) return false;
+        c += k;
+        n -= static_cast<std::size_t>(k);
+    }
+    return true;
+}
+
+}  // namespace
+
+bool loadMeshIsolated(const std::string& path, Mesh& mesh, std::string& error, int timeoutSeconds) {
+    int fds[2];
+    if (pipe(fds) != 0) return loadMesh(path, mesh, error);
+    pid_t child = fork();
+    if (child < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        return loadMesh(path, mesh, error);
+    }
+    if (child == 0) {
+        // The child: status, message or the two arrays, each with its length.
+        close(fds[0]);
+        Mesh m;
+        std::string err;
+        int32_t ok = loadMesh(path, m, err) ? 1 : 0;
+        uint64_t sizes[3] = {err.size(), m.vertices.size(), m.triangles.size()};
+        bool sent = writeAll(fds[1], &ok, sizeof ok) && writeAll(fds[1], sizes, sizeof sizes) &&
+                    writeAll(fds[1], err.data(), err.size()) &&
+                    writeAll(fds[1], m.vertices.data(), sizeof(float) * m.vertices.size()) &&
+                    writeAll(fds[1], m.triangles.data(), sizeof(int32_t) * m.triangles.size());
+        _exit(sent ? 0 : 1);
+    }
+    close(fds[1]);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+    int32_t ok = 0;
+    uint64_t sizes[3] = {0, 0, 0};
+    bool got = readAll(fds[0], &ok, sizeof ok, deadline) && readAll(fds[0], sizes, sizeof sizes, deadline);
+    std::string err;
+    mesh = Mesh();
+    if (got && sizes[0] < (1u << 20) && sizes[1] < (1ull << 34) && sizes[2] < (1ull << 34)) {
+        err.resize(sizes[0]);
+        mesh.vertices.resize(sizes[1]);
+        mesh.triangles.resize(sizes[2]);
+        got = readAll(fds[0], &err[0], err.size(), deadline) &&
+              readAll(fds[0], mesh.vertices.data(), sizeof(float) * sizes[1], deadline) &&
+              readAll(fds[0], mesh.triangles.data(), sizeof(int32_t) * sizes[2], deadline);
+    } else {
+        got = false;
+    }
+    close(fds[0]);
+    int status = 0;
+    if (!got) kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    if (!got) {
+        mesh = Mesh();
+        if (WIFSIGNALED(status) && WTERMSIG(status) != SIGKILL)
+            error = "the reader crashed on mesh '" + path + "' (signal " + std::to_string(WTERMSIG(status)) + ")";
+        else
+            error = "reading mesh '" + path + "' did not finish within " + std::to_string(timeoutSeconds) +
+                    " s (damaged file?)";
+        return false;
+    }
+    if (!ok) {
+        error = err;
+        mesh = Mesh();
+        return false;
+    }
     return true;
 }
 
