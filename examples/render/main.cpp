@@ -1,181 +1,74 @@
 // vekr-render: ray-traces a triangle mesh to a PNG image with the vekr library.
 // With no arguments it renders the bunny of Debian's glmark2-data to bunny.png.
-#include <cerrno>
-#include <cmath>
+#include <sys/resource.h>
+
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "mesh_io.h"
+#include "options.h"
 #include "renderer.h"
 #include "vekcore.h"
 
-#define STB_IMAGE_WRITE_IMPLEMENTATION
-#include <stb/stb_image_write.h>
-
 namespace {
-
-const char* const kDefaultMesh = "/usr/share/glmark2/models/bunny.obj";
-
-const char* const kUsage =
-    "usage: vekr-render [options] [MESH]\n"
-    "Ray-traces MESH (.obj or .stl; default: the glmark2-data bunny) on a ground plane.\n"
-    "  -o, --output PATH      PNG to write (default: bunny.png, or MESH's name .png)\n"
-    "  -s, --size WxH         image size in pixels (default 1024x1024)\n"
-    "      --camera X,Y,Z     eye position (default: framing the mesh)\n"
-    "      --target X,Y,Z     point looked at (default: the mesh's centre)\n"
-    "      --fov DEG          vertical field of view, 1 to 170 (default 35)\n"
-    "      --light X,Y,Z      point light position (default: above, to the left)\n"
-    "      --tile N           tile edge in pixels, 4 to 512 (default 32)\n"
-    "  -t, --threads N        render threads (default: all processors)\n"
-    "      --reflect K        ground mirror share, 0 to 1 (default 0.25)\n"
-    "      --no-ground        no ground plane\n"
-    "  -q, --quiet            no progress bar\n"
-    "      --stats            print where the time went\n";
 
 [[noreturn]] void fail(const std::string& msg, int code = 1) {
     std::fprintf(stderr, "vekr-render: %s\n", msg.c_str());
     std::exit(code);
 }
 
-bool parseInt(const char* s, long lo, long hi, int& out) {
-    char* end;
-    errno = 0;
-    long v = std::strtol(s, &end, 10);
-    if (errno || end == s || *end || v < lo || v > hi) return false;
-    out = static_cast<int>(v);
-    return true;
-}
-
-bool parseFloat(const char* s, float lo, float hi, float& out) {
-    char* end;
-    errno = 0;
-    float v = std::strtof(s, &end);
-    if (errno || end == s || *end || !std::isfinite(v) || v < lo || v > hi) return false;
-    out = v;
-    return true;
-}
-
-bool parseVec(const std::string& s, render::Vec3& v) {
-    float c[3];
-    std::size_t start = 0;
-    for (int k = 0; k < 3; ++k) {
-        std::size_t comma = s.find(',', start);
-        if ((k < 2) != (comma != std::string::npos)) return false;
-        std::string part = s.substr(start, k < 2 ? comma - start : std::string::npos);
-        if (!parseFloat(part.c_str(), -1e30f, 1e30f, c[k])) return false;
-        start = comma + 1;
-    }
-    v.x = c[0];
-    v.y = c[1];
-    v.z = c[2];
-    return true;
-}
-
-bool parseSize(const std::string& s, int& w, int& h) {
-    std::size_t x = s.find('x');
-    if (x == std::string::npos) return false;
-    return parseInt(s.substr(0, x).c_str(), 1, 16384, w) && parseInt(s.substr(x + 1).c_str(), 1, 16384, h);
-}
-
-std::string stemPng(const std::string& path) {
-    std::size_t slash = path.find_last_of('/');
-    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    std::size_t dot = name.find_last_of('.');
-    return (dot == std::string::npos || dot == 0 ? name : name.substr(0, dot)) + ".png";
+double peakMemoryMB() {
+    struct rusage ru;
+    getrusage(RUSAGE_SELF, &ru);
+    return ru.ru_maxrss / 1024.0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    render::Options opt;
-    std::string meshPath, outPath;
-    bool stats = false;
-    for (int i = 1; i < argc; ++i) {
-        std::string a = argv[i];
-        auto value = [&](const char* name) -> std::string {
-            if (i + 1 >= argc) fail(std::string("option ") + name + " needs a value", 2);
-            return argv[++i];
-        };
-        if (a == "-h" || a == "--help") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        } else if (a == "-o" || a == "--output") {
-            outPath = value("--output");
-            if (outPath.empty()) fail("empty --output path", 2);
-        } else if (a == "-s" || a == "--size") {
-            std::string v = value("--size");
-            if (!parseSize(v, opt.width, opt.height))
-                fail("invalid --size '" + v + "': expected WIDTHxHEIGHT, each 1 to 16384", 2);
-        } else if (a == "--camera") {
-            std::string v = value("--camera");
-            if (!parseVec(v, opt.eye)) fail("invalid --camera '" + v + "': expected X,Y,Z", 2);
-            opt.eyeSet = true;
-        } else if (a == "--target") {
-            std::string v = value("--target");
-            if (!parseVec(v, opt.target)) fail("invalid --target '" + v + "': expected X,Y,Z", 2);
-            opt.targetSet = true;
-        } else if (a == "--light") {
-            std::string v = value("--light");
-            if (!parseVec(v, opt.light)) fail("invalid --light '" + v + "': expected X,Y,Z", 2);
-            opt.lightSet = true;
-        } else if (a == "--fov") {
-            std::string v = value("--fov");
-            if (!parseFloat(v.c_str(), 1, 170, opt.fovDeg)) fail("invalid --fov '" + v + "': expected 1 to 170", 2);
-        } else if (a == "--tile") {
-            std::string v = value("--tile");
-            if (!parseInt(v.c_str(), 4, 512, opt.tile)) fail("invalid --tile '" + v + "': expected 4 to 512", 2);
-        } else if (a == "-t" || a == "--threads") {
-            std::string v = value("--threads");
-            if (!parseInt(v.c_str(), 1, 1024, opt.threads))
-                fail("invalid --threads '" + v + "': expected 1 to 1024", 2);
-        } else if (a == "--reflect") {
-            std::string v = value("--reflect");
-            if (!parseFloat(v.c_str(), 0, 1, opt.reflectivity))
-                fail("invalid --reflect '" + v + "': expected 0 to 1", 2);
-        } else if (a == "--no-ground") {
-            opt.ground = false;
-        } else if (a == "-q" || a == "--quiet") {
-            opt.progress = false;
-        } else if (a == "--stats") {
-            stats = true;
-        } else if (!a.empty() && a[0] == '-') {
-            fail("unknown option '" + a + "' (see --help)", 2);
-        } else if (meshPath.empty()) {
-            meshPath = a;
-        } else {
-            fail("more than one mesh given ('" + meshPath + "', '" + a + "')", 2);
-        }
-    }
-    if (meshPath.empty()) meshPath = kDefaultMesh;
-    if (outPath.empty()) outPath = stemPng(meshPath);
-    if (opt.eyeSet && opt.targetSet && opt.eye.x == opt.target.x && opt.eye.y == opt.target.y &&
-        opt.eye.z == opt.target.z)
-        fail("--camera and --target are the same point", 2);
-
-    render::Mesh mesh;
+    render::CommandLine cl;
     std::string error;
-    if (!render::loadMesh(meshPath, mesh, error)) fail(error);
+    if (int code = render::parseCommandLine(argc, argv, cl, error)) fail(error, code);
+    if (cl.help) {
+        std::fputs(render::kUsage, stdout);
+        return 0;
+    }
+    const render::Options& opt = cl.opt;
+
+    auto t0 = std::chrono::steady_clock::now();
+    render::Mesh mesh;
+    if (cl.generate)
+        render::generateSpheres(cl.generate * 1000000L, mesh);
+    else if (!render::loadMeshIsolated(cl.meshPath, mesh, error, 600))
+        fail(error);
+    double load = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 
     render::StageTimes times;
     render::Scene scene;
     if (!render::buildScene(mesh, opt, scene, error, times)) fail(error);
+    const int numFrames = cl.frames > 0 ? cl.frames : 1;
     render::Image image;
-    render::renderImage(scene, opt, image, times);
-
-    if (!stbi_write_png(outPath.c_str(), image.width, image.height, 3, image.rgb.data(), image.width * 3))
-        fail("cannot write '" + outPath + "'");
+    for (int f = 0; f < numFrames; ++f) {
+        render::Camera cam = cl.frames > 0 ? render::turntableCamera(scene, opt, f, numFrames) : scene.camera;
+        render::renderRows(scene, opt, cam, 0, render::numTileRows(opt), image, times, opt.progress);
+        if (!render::writePng(render::framePath(cl, f), image))
+            fail("cannot write '" + render::framePath(cl, f) + "'");
+    }
     int threads = opt.threads > 0 ? opt.threads : ownGetNumThreads();
-    std::fprintf(stderr, "vekr-render: %s (%d triangles) -> %s, %dx%d, %.3f s on %d thread%s\n",
-                 meshPath.c_str(), mesh.numTriangles(), outPath.c_str(), image.width, image.height,
+    std::fprintf(stderr, "vekr-render: %s (%d triangles) -> %s, %dx%d, %d sample%s/pixel%s, %.3f s on %d thread%s\n",
+                 cl.meshPath.c_str(), mesh.numTriangles(), render::framePath(cl, 0).c_str(), image.width,
+                 image.height, opt.samples * opt.samples, opt.samples == 1 ? "" : "s",
+                 cl.frames > 0 ? (", " + std::to_string(numFrames) + " frames").c_str() : "",
                  times.build + times.total, threads, threads == 1 ? "" : "s");
-    if (stats) {
+    if (cl.stats) {
         double work = times.eye + times.shadows + times.reflection + times.shading;
         std::fprintf(stderr,
-                     "  build %.3f s (wall); render %.3f s wall, %.3f s CPU: eye rays %.3f, shadows %.3f, "
-                     "reflection %.3f, shading %.3f\n",
-                     times.build, times.total, work, times.eye, times.shadows, times.reflection, times.shading);
+                     "  load %.3f s; build %.3f s (wall; tree %d bytes); render %.3f s wall, %.3f s CPU: eye rays "
+                     "%.3f, shadows %.3f, reflection %.3f, shading %.3f; peak memory %.0f MB\n",
+                     load, times.build, scene.treeSize, times.total, work, times.eye, times.shadows,
+                     times.reflection, times.shading, peakMemoryMB());
     }
     return 0;
 }

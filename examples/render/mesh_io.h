@@ -20,6 +20,15 @@ struct Mesh {
 // returns false and sets `error` to a one-line description.
 bool loadMesh(const std::string& path, Mesh& mesh, std::string& error);
 
+// loadMesh in a child process with a time limit: a reader that crashes or
+// loops on a damaged file (assimp can, for some) ends in an error message
+// instead of taking the program down.
+bool loadMeshIsolated(const std::string& path, Mesh& mesh, std::string& error, int timeoutSeconds);
+
+// A generated scene of about `numTriangles` triangles: a square field of
+// spheres of 16,384 triangles each, for trying the renderer on large scenes.
+void generateSpheres(long numTriangles, Mesh& mesh);
+
 }  // namespace render
 
 #endif  // VEKR_RENDER_MESH_IO_H

@@ -1,6 +1,7 @@
-// vekr-render's pipeline, one tile at a time:
+// vekr-render's pipeline, one tile at a time, once per sample of a pixel:
 //   eye rays      vekrCastEye_32f, vekrIntersectEyeSO_32f
-//   surfaces      vekrHitPoint3DEpsS0_32f_M, vekrSurfSmoothNormal_32f, vekrDotChangeNorm_32f_IM
+//   surfaces      vekrHitPoint3DEpsS0_32f_M, vekrSurfFlatNormal_32f, vekrDotChangeNorm_32f_IM,
+//                 vekrSurfSmoothNormal_32f, vekrDot_32f_P3C1M, vekrMul_32f_C1P3IM
 //   shadows       vekrCastShadowSO_32f, vekrIntersectAnySO_32f
 //   direct light  vekrDistAttenuationSO_32f_M, vekrDiv_32f_C1IM, vekrAddMulMul_32f_AC1P3IM
 //   sky light     vekrSHTInv_32f_P3 of the sky's projection (vekrSHTFwd_32f_P3I)
@@ -82,16 +83,22 @@ struct P3 {
 // Per-thread scratch for one tile of at most n rays.
 struct Tile {
     int n;
-    P3 dir, hit, normal, sdir, albedo, amb, accum, rdir, rhit, rnormal, rcolor;
-    Aligned<float> dist, u, v, dotv, sdot, ldist, lam, ones, negOnes, rdist, ru, rv, rdot;
-    Aligned<int32_t> tri, smask, occl, maskMesh, maskGround, rtri;
+    P3 dir, hit, normal, sdir, albedo, amb, accum, rdir, rhit, rnormal, rcolor, geo, pixel;
+    P3 redoOrigin, redoDir;
+    Aligned<float> dist, u, v, dotv, sdot, ldist, lam, ones, negOnes, rdist, ru, rv, rdot, side;
+    Aligned<float> redoDist, redoU, redoV;
+    Aligned<int32_t> tri, smask, occl, maskMesh, maskGround, rtri, redoTri, redoIndex;
     float* uv[2];
     float* ruv[2];
+    float* redoUV[2];
     explicit Tile(int n_)
         : n(n_), dir(n), hit(n), normal(n), sdir(n), albedo(n), amb(n), accum(n), rdir(n), rhit(n),
-          rnormal(n), rcolor(n), dist(n), u(n), v(n), dotv(n), sdot(n), ldist(n), lam(n), ones(n),
-          negOnes(n), rdist(n), ru(n), rv(n), rdot(n), tri(n), smask(n), occl(n), maskMesh(n),
-          maskGround(n), rtri(n) {
+          rnormal(n), rcolor(n), geo(n), pixel(n), redoOrigin(n), redoDir(n), dist(n), u(n), v(n), dotv(n),
+          sdot(n), ldist(n), lam(n), ones(n), negOnes(n), rdist(n), ru(n), rv(n), rdot(n), side(n),
+          redoDist(n), redoU(n), redoV(n), tri(n), smask(n), occl(n), maskMesh(n), maskGround(n), rtri(n),
+          redoTri(n), redoIndex(n) {
+        redoUV[0] = redoU.get();
+        redoUV[1] = redoV.get();
         uv[0] = u.get();
         uv[1] = v.get();
         ruv[0] = ru.get();
@@ -187,7 +194,8 @@ bool projectSky(Scene& s, std::string& error) {
     return true;
 }
 
-// Shades the hits of one batch: shadow rays to the light, the Lambert term with
+// Shades the hits of one batch (`normal` the shading normals, t.geo the flat
+// ones, both on the side the rays see): shadow rays to the light, the Lambert term with
 // the inverse-square fall-off, and the sky's diffuse light. Adds to t.accum-like
 // `out`. `tri` marks the rays with a hit; normals face against the rays.
 void shadeDirect(const Scene& s, Tile& t, int w, int h, float* const* hit, float* const* normal,
@@ -247,28 +255,153 @@ void addSky(float* const* dir, const int32_t* tri, const int32_t* only, P3& out,
     }
 }
 
-void renderTile(const Scene& s, const Options& opt, Tile& t, int bx, int by, Image& img, StageTimes& tm) {
-    const int T = opt.tile;
-    const int w = std::min(T, opt.width - bx * T), h = std::min(T, opt.height - by * T), n = w * h;
-    const Camera& cam = s.camera;
+// Rays that pass along an edge shared by two triangles can miss both: the
+// triangle test projects each triangle about its own reference corner, so the
+// two tests of a shared edge round differently and leave cracks some 1e-5 of a
+// triangle wide. Through a closed mesh such a ray goes on to the inside of the
+// far wall, a face turned away from it, and shades as a dark speck. Rays that
+// end on a back face are traced again, turned by about 2^-16 radian (a
+// sixteenth of a pixel at the default size) so that they cannot pass through
+// the same crack, and the nearer hit is kept. A back face that is really seen
+// (an open mesh) is found again at the same distance and nothing changes.
+// `origin` is the common origin (one point) or null with per-ray `origins`.
+void closeCracks(const Scene& s, Tile& t, const float* origin, float* const* origins, float* const* dir,
+                 float* dist, float* const* uv, int32_t* tri, int n) {
+    vekrSurfFlatNormal_32f(s.triNormals.data(), tri, t.geo.p(), n);
+    vekrDot_32f_P3C1M(dir, t.geo.p(), tri, t.side.get(), n);
+    int m = 0;
+    const float turn = 1.0f / 65536.0f;
+    for (int i = 0; i < n; ++i) {
+        if (tri[i] < 0 || !(t.side[i] > 0)) continue;
+        float x = dir[0][i], y = dir[1][i], z = dir[2][i];
+        // d x (1, 1, 1) is perpendicular to d (and zero only along the diagonal,
+        // where d x (1, -1, 0) takes over).
+        Vec3 e = std::fabs(x - y) + std::fabs(y - z) > 1e-3f * (std::fabs(x) + std::fabs(y) + std::fabs(z))
+                     ? vec(y - z, z - x, x - y)
+                     : vec(z, z, -x - y);
+        t.redoDir.ptr[0][m] = x + e.x * turn;
+        t.redoDir.ptr[1][m] = y + e.y * turn;
+        t.redoDir.ptr[2][m] = z + e.z * turn;
+        for (int c = 0; c < 3; ++c) t.redoOrigin.ptr[c][m] = origins ? origins[c][i] : origin[c];
+        t.redoDist[m] = 3.0e38f;
+        t.redoIndex[m] = i;
+        ++m;
+    }
+    if (m == 0) return;
+    if (origins)
+        vekrIntersectMO_32f(t.redoOrigin.p(), t.redoDir.p(), t.redoDist.get(), t.redoUV, t.redoTri.get(),
+                            &s.context, m, 1);
+    else
+        vekrIntersectEyeSO_32f(origin, t.redoDir.p(), t.redoDist.get(), t.redoUV, t.redoTri.get(), &s.context, m,
+                               1);
+    for (int k = 0; k < m; ++k) {
+        int i = t.redoIndex[k];
+        if (t.redoTri[k] < 0 || !(t.redoDist[k] < dist[i])) continue;
+        for (int c = 0; c < 3; ++c) dir[c][i] = t.redoDir.ptr[c][k];
+        dist[i] = t.redoDist[k];
+        uv[0][i] = t.redoU[k];
+        uv[1][i] = t.redoV[k];
+        tri[i] = t.redoTri[k];
+    }
+}
+
+// Shading normals. The flat normal turned against the ray tells which side of
+// the surface the ray sees; the interpolated normal is turned to that side.
+// (Turning the interpolated normal against the ray instead flips it near
+// silhouettes, where it can face away from the eye on a triangle that faces
+// the eye; the light then seems to come from behind and the pixel goes dark.)
+// t.side keeps the sign applied to the interpolated normal.
+void orientNormals(const Scene& s, Tile& t, float* const* dir, const int32_t* tri, float* const* uv,
+                   float* const* normal, int n) {
+    vekrSurfFlatNormal_32f(s.triNormals.data(), tri, t.geo.p(), n);
+    vekrDotChangeNorm_32f_IM(dir, tri, t.geo.p(), t.dotv.get(), n);
+    vekrSurfSmoothNormal_32f(s.vertexNormals.data(), s.triangles.data(), tri, uv, normal, n, 4);
+    vekrDot_32f_P3C1M(normal, t.geo.p(), tri, t.side.get(), n);
+    for (int i = 0; i < n; ++i) t.side[i] = t.side[i] < 0 ? -1.0f : 1.0f;
+    vekrMul_32f_C1P3IM(t.side.get(), tri, normal, n);
+}
+
+// Where the light grazes a coarsely tessellated surface, the interpolated
+// normal says "lit" while the flat neighbouring triangles stand between the
+// hit point and the light. The shadow rays therefore end at the point lifted
+// onto the curved surface that the vertex normals describe: the hit point
+// plus the barycentric blend of its heights under the three vertex tangent
+// planes, where positive (Hanika, "Hacking the shadow terminator", 2021).
+// Flat regions and concave corners get no lift.
+void liftToCurvedSurface(const Scene& s, const Tile& t, const int32_t* tri, float* const* uv, float* const* hit,
+                         int n) {
+    for (int i = 0; i < n; ++i) {
+        if (tri[i] < 0 || tri[i] >= s.numMeshTriangles) continue;
+        const int32_t* idx = &s.triangles[4 * static_cast<std::size_t>(tri[i])];
+        const float w[3] = {uv[0][i], uv[1][i], 1.0f - uv[0][i] - uv[1][i]};
+        Vec3 corner[3], p = vec(0, 0, 0);
+        for (int k = 0; k < 3; ++k) {
+            const float* q = &s.vertices[3 * static_cast<std::size_t>(idx[k])];
+            corner[k] = vec(q[0], q[1], q[2]);
+            p = p + corner[k] * w[k];
+        }
+        Vec3 lift = vec(0, 0, 0);
+        for (int k = 0; k < 3; ++k) {
+            const float* q = &s.vertexNormals[3 * static_cast<std::size_t>(idx[k])];
+            Vec3 nk = vec(q[0], q[1], q[2]) * t.side[i];
+            float h = dot(corner[k] - p, nk);
+            if (h > 0) lift = lift + nk * (h * w[k]);
+        }
+        hit[0][i] += lift.x;
+        hit[1][i] += lift.y;
+        hit[2][i] += lift.z;
+    }
+}
+
+// A fixed hash of pixel and sample (a 32-bit mix of Wang and Jenkins): the
+// jitter depends on nothing else, so the image is the same for any tile size,
+// thread count or number of processes.
+uint32_t mix(uint32_t x) {
+    x = (x ^ 61u) ^ (x >> 16);
+    x *= 9u;
+    x ^= x >> 4;
+    x *= 0x27d4eb2du;
+    x ^= x >> 15;
+    return x;
+}
+float unitFloat(uint32_t h) { return static_cast<float>(h >> 8) * (1.0f / 16777216.0f); }
+
+// One sample of every pixel of the tile: the colour lands in t.accum.
+void traceSample(const Scene& s, const Options& opt, const Camera& cam, Tile& t, int bx, int by, int w, int h,
+                 int sample, StageTimes& tm) {
+    const int T = opt.tile, n = w * h, ns = opt.samples;
     const float eye[3] = {cam.eye.x, cam.eye.y, cam.eye.z};
     const float o[3] = {cam.origin.x, cam.origin.y, cam.origin.z};
     const float sx[3] = {cam.stepX.x, cam.stepX.y, cam.stepX.z};
     const float sy[3] = {cam.stepY.x, cam.stepY.y, cam.stepY.z};
 
-    // Eye rays and their nearest hits.
+    // Eye rays through the pixel centres, moved to a jittered point of the
+    // sample's stratum (one of ns x ns equal cells of the pixel).
     auto t0 = Clock::now();
     vekrCastEye_32f(o, sx, sy, bx, by, T, T, t.dir.p(), w, h);
+    if (ns > 1) {
+        const int a = sample % ns, b = sample / ns;
+        for (int j = 0; j < h; ++j)
+            for (int i = 0; i < w; ++i) {
+                uint32_t px = static_cast<uint32_t>(bx * T + i), py = static_cast<uint32_t>(by * T + j);
+                uint32_t hsh = mix(px * 0x9E3779B1u ^ mix(py * 0x85EBCA77u ^ mix(static_cast<uint32_t>(sample))));
+                float ox = (a + unitFloat(hsh)) / ns - 0.5f;
+                float oy = (b + unitFloat(mix(hsh))) / ns - 0.5f;
+                int k = j * w + i;
+                for (int c = 0; c < 3; ++c) t.dir.ptr[c][k] += sx[c] * ox + sy[c] * oy;
+            }
+    }
     for (int i = 0; i < n; ++i) t.dist[i] = 3.0e38f;
     vekrIntersectEyeSO_32f(eye, t.dir.p(), t.dist.get(), t.uv, t.tri.get(), &s.context, w, h);
+    closeCracks(s, t, eye, nullptr, t.dir.p(), t.dist.get(), t.uv, t.tri.get(), n);
     tm.eye += since(t0);
 
-    // Hit points, interpolated normals turned towards the eye.
+    // Hit points and shading normals.
     t0 = Clock::now();
     const int32_t* tri = t.tri.get();
     vekrHitPoint3DEpsS0_32f_M(eye, t.dir.p(), t.dist.get(), tri, t.hit.p(), n, kHitEps);
-    vekrSurfSmoothNormal_32f(s.vertexNormals.data(), s.triangles.data(), tri, t.uv, t.normal.p(), n, 4);
-    vekrDotChangeNorm_32f_IM(t.dir.p(), tri, t.normal.p(), t.dotv.get(), n);
+    orientNormals(s, t, t.dir.p(), tri, t.uv, t.normal.p(), n);
+    liftToCurvedSurface(s, t, tri, t.uv, t.hit.p(), n);
     t.accum.zero(n);
     tm.shading += since(t0);
 
@@ -284,13 +417,14 @@ void renderTile(const Scene& s, const Options& opt, Tile& t, int bx, int by, Ima
         // Rays that are not reflected get a zero distance limit: they find nothing.
         for (int i = 0; i < n; ++i) t.rdist[i] = ground[i] >= 0 ? 3.0e38f : 0.0f;
         vekrIntersectMO_32f(t.hit.p(), t.rdir.p(), t.rdist.get(), t.ruv, t.rtri.get(), &s.context, w, h);
+        closeCracks(s, t, nullptr, t.hit.p(), t.rdir.p(), t.rdist.get(), t.ruv, t.rtri.get(), n);
         tm.reflection += since(t0);
 
         t0 = Clock::now();
         const int32_t* rtri = t.rtri.get();
         vekrHitPoint3DEpsM0_32f_M(t.hit.p(), t.rdir.p(), t.rdist.get(), rtri, t.rhit.p(), n, kHitEps);
-        vekrSurfSmoothNormal_32f(s.vertexNormals.data(), s.triangles.data(), rtri, t.ruv, t.rnormal.p(), n, 4);
-        vekrDotChangeNorm_32f_IM(t.rdir.p(), rtri, t.rnormal.p(), t.rdot.get(), n);
+        orientNormals(s, t, t.rdir.p(), rtri, t.ruv, t.rnormal.p(), n);
+        liftToCurvedSurface(s, t, rtri, t.ruv, t.rhit.p(), n);
         t.rcolor.zero(n);
         tm.shading += since(t0);
         shadeDirect(s, t, w, h, t.rhit.p(), t.rnormal.p(), rtri, t.rcolor, tm);
@@ -300,15 +434,30 @@ void renderTile(const Scene& s, const Options& opt, Tile& t, int bx, int by, Ima
         vekrAddMulMul_32f_AC1P3IM(kr, t.ones.get(), t.rcolor.p(), ground.data(), t.accum.p(), n);
         tm.shading += since(t0);
     }
-
     t0 = Clock::now();
     addSky(t.dir.p(), tri, nullptr, t.accum, n, 1.0f);
+    tm.shading += since(t0);
+}
+
+// All samples of one tile, averaged (each clamped to the displayable range
+// first, so that a bright sky sample cannot outweigh the others at an edge).
+void renderTile(const Scene& s, const Options& opt, const Camera& cam, Tile& t, int bx, int by, Image& img,
+                StageTimes& tm) {
+    const int T = opt.tile;
+    const int w = std::min(T, opt.width - bx * T), h = std::min(T, opt.height - by * T), n = w * h;
+    const int numSamples = opt.samples * opt.samples;
+    t.pixel.zero(n);
+    for (int k = 0; k < numSamples; ++k) {
+        traceSample(s, opt, cam, t, bx, by, w, h, k, tm);
+        for (int c = 0; c < 3; ++c)
+            for (int i = 0; i < n; ++i) t.pixel.ptr[c][i] += std::min(std::max(t.accum.ptr[c][i], 0.0f), 1.0f);
+    }
+    const float scale = 1.0f / static_cast<float>(numSamples);
     for (int j = 0; j < h; ++j)
         for (int i = 0; i < w; ++i) {
             uint8_t* px = &img.rgb[3 * ((static_cast<std::size_t>(by) * T + j) * opt.width + bx * T + i)];
-            for (int c = 0; c < 3; ++c) px[c] = toByte(t.accum.ptr[c][j * w + i]);
+            for (int c = 0; c < 3; ++c) px[c] = toByte(t.pixel.ptr[c][j * w + i] * scale);
         }
-    tm.shading += since(t0);
 }
 
 }  // namespace
@@ -359,6 +508,24 @@ Camera makeCamera(const Options& opt, const VekrBoundBox& b) {
     return cam;
 }
 
+bool attachScene(Scene& s, std::string& error) {
+    s.context.pBound = &s.box;
+    s.context.pAccel = s.accel.data();
+    s.context.pRootNode = s.tree;
+    int size = 0;
+    if (vekrSHGetSize_32f(static_cast<unsigned>(s.shOrder), vekrSHDirect, &size) != vekStatusOk) {
+        error = "unsupported spherical-harmonics order";
+        return false;
+    }
+    s.shState.assign(static_cast<std::size_t>(size) + 16, 0);
+    if (vekrSHInit_32f(const_cast<VekrSHState*>(s.sh()), static_cast<unsigned>(s.shOrder), vekrSHDirect) !=
+        vekStatusOk) {
+        error = "spherical-harmonics state refused";
+        return false;
+    }
+    return true;
+}
+
 bool buildScene(const Mesh& mesh, const Options& opt, Scene& s, std::string& error, StageTimes& times) {
     auto t0 = Clock::now();
     VekrBoundBox meshBox;
@@ -386,8 +553,9 @@ bool buildScene(const Mesh& mesh, const Options& opt, Scene& s, std::string& err
     const int nv = static_cast<int>(s.vertices.size() / 3), nt = static_cast<int>(s.triangles.size() / 4);
 
     // Vertex normals: the average of the unit normals of the triangles around a vertex.
-    std::vector<float> triNorm(3 * static_cast<std::size_t>(nt));
-    vekrTriangleNormal_32f(s.vertices.data(), s.triangles.data(), triNorm.data(), nt);
+    s.triNormals.assign(3 * static_cast<std::size_t>(nt), 0.0f);
+    vekrTriangleNormal_32f(s.vertices.data(), s.triangles.data(), s.triNormals.data(), nt);
+    const std::vector<float>& triNorm = s.triNormals;
     s.vertexNormals.assign(3 * static_cast<std::size_t>(nv), 0.0f);
     for (int t = 0; t < s.numMeshTriangles; ++t)
         for (int k = 0; k < 3; ++k)
@@ -426,27 +594,31 @@ bool buildScene(const Mesh& mesh, const Options& opt, Scene& s, std::string& err
         error = "KD-tree build failed with status " + std::to_string(static_cast<int>(st));
         return false;
     }
-    s.context.pBound = &s.box;
-    s.context.pAccel = s.accel.data();
-    s.context.pRootNode = s.tree;
 
+    s.meshBox = meshBox;
     s.camera = makeCamera(opt, meshBox);
+    s.target = opt.targetSet ? opt.target : c;
     s.light = opt.lightSet ? opt.light : c + vec(-1.3f * r, 2.6f * r, 1.5f * r);
     Vec3 toLight = s.light - c;
     s.lightScale = 0.9f * dot(toLight, toLight);  // unit strength at the mesh's centre
     s.shOrder = opt.shOrder;
-    if (!projectSky(s, error)) return false;
+    if (!projectSky(s, error) || !attachScene(s, error)) return false;
     times.build += since(t0);
     return true;
 }
 
-void renderImage(const Scene& s, const Options& opt, Image& img, StageTimes& times) {
+int numTileRows(const Options& opt) { return (opt.height + opt.tile - 1) / opt.tile; }
+
+void renderRows(const Scene& s, const Options& opt, const Camera& cam, int firstRow, int numRows, Image& img,
+                StageTimes& times, bool progress) {
     auto t0 = Clock::now();
-    img.width = opt.width;
-    img.height = opt.height;
-    img.rgb.assign(static_cast<std::size_t>(opt.width) * opt.height * 3, 0);
+    if (img.width != opt.width || img.height != opt.height) {
+        img.width = opt.width;
+        img.height = opt.height;
+        img.rgb.assign(static_cast<std::size_t>(opt.width) * opt.height * 3, 0);
+    }
     const int T = opt.tile;
-    const int tx = (opt.width + T - 1) / T, ty = (opt.height + T - 1) / T, numTiles = tx * ty;
+    const int tx = (opt.width + T - 1) / T, numTiles = tx * numRows;
     const int threads = opt.threads > 0 ? opt.threads : ownGetNumThreads();
     std::atomic<int> done{0};
     std::mutex printLock;
@@ -459,9 +631,9 @@ void renderImage(const Scene& s, const Options& opt, Image& img, StageTimes& tim
         StageTimes& tm = perThread[static_cast<std::size_t>(omp_get_thread_num())];
 #pragma omp for schedule(dynamic, 1)
         for (int k = 0; k < numTiles; ++k) {
-            renderTile(s, opt, tile, k % tx, k / tx, img, tm);
+            renderTile(s, opt, cam, tile, k % tx, firstRow + k / tx, img, tm);
             int d = ++done;
-            if (opt.progress) {
+            if (progress) {
                 int pct = static_cast<int>(100LL * d / numTiles);
                 std::lock_guard<std::mutex> g(printLock);
                 if (pct != shown) {
@@ -476,7 +648,7 @@ void renderImage(const Scene& s, const Options& opt, Image& img, StageTimes& tim
             }
         }
     }
-    if (opt.progress) std::fprintf(stderr, "\n");
+    if (progress) std::fprintf(stderr, "\n");
     for (const StageTimes& tm : perThread) {
         times.eye += tm.eye;
         times.shadows += tm.shadows;
@@ -484,6 +656,25 @@ void renderImage(const Scene& s, const Options& opt, Image& img, StageTimes& tim
         times.shading += tm.shading;
     }
     times.total += since(t0);
+}
+
+void renderImage(const Scene& s, const Options& opt, Image& img, StageTimes& times) {
+    renderRows(s, opt, s.camera, 0, numTileRows(opt), img, times, opt.progress);
+}
+
+Camera turntableCamera(const Scene& s, const Options& opt, int frame, int numFrames) {
+    // The eye circles the target about the vertical axis, starting where the
+    // still image's camera stands.
+    const Camera& c0 = s.camera;
+    const Vec3 target = s.target;
+    const double angle = 2 * kPi * frame / numFrames;
+    const float ca = static_cast<float>(std::cos(angle)), sa = static_cast<float>(std::sin(angle));
+    Vec3 r = c0.eye - target;
+    Options o = opt;
+    o.eyeSet = o.targetSet = true;
+    o.eye = target + vec(ca * r.x + sa * r.z, r.y, -sa * r.x + ca * r.z);
+    o.target = target;
+    return makeCamera(o, s.meshBox);
 }
 
 }  // namespace render

@@ -28,6 +28,7 @@ struct Options {
     float reflectivity = 0.25f;    // mirror share of the ground's colour
     int shOrder = 3;               // order of the sky's spherical-harmonics projection
     bool progress = true;          // progress bar on stderr
+    int samples = 2;               // samples per pixel along each axis (samples x samples strata)
 };
 
 // A pinhole camera: the direction to pixel (0, 0)'s centre and the steps from
@@ -41,13 +42,16 @@ struct Scene {
     std::vector<float> vertices;         // mesh vertices, then the ground's four
     std::vector<int32_t> triangles;      // mesh triangles, then the ground's two
     std::vector<float> vertexNormals;    // three floats per vertex
+    std::vector<float> triNormals;       // unit normal per triangle (vekrTriangleNormal_32f)
     std::vector<VekrTriangleAccel> accel;
     VekrBoundBox box{};
-    VekrKDTreeNode* tree = nullptr;
-    int treeSize = 0;
+    VekrKDTreeNode* tree = nullptr;      // the KD-tree block (vekMalloc memory, position-independent)
+    int treeSize = 0;                    // its size in bytes
     VekrIntersectContext context{};
     int numMeshTriangles = 0;
+    VekrBoundBox meshBox{};
     Camera camera;
+    Vec3 target;                         // the point the camera looks at
     Vec3 light;
     float lightScale = 1.0f;             // keeps the light's strength independent of the scene's size
     std::vector<float> shCoeffs[3];      // sky irradiance per colour channel
@@ -80,8 +84,28 @@ Camera makeCamera(const Options& opt, const VekrBoundBox& meshBox);
 // Builds the scene; false with a one-line error when the library refuses it.
 bool buildScene(const Mesh& mesh, const Options& opt, Scene& scene, std::string& error, StageTimes& times);
 
+// Points the intersection context at the scene's own box, records and tree,
+// and sets up the spherical-harmonics state: what a scene received as bytes
+// from another process needs before it renders.
+bool attachScene(Scene& scene, std::string& error);
+
 // Renders the image with opt.threads threads.
 void renderImage(const Scene& scene, const Options& opt, Image& image, StageTimes& times);
+
+// Number of rows of tiles in an image (tile rows are the unit of work that
+// the distributed renderer hands out).
+int numTileRows(const Options& opt);
+
+// Renders tile rows [firstRow, firstRow + numRows) seen by `camera` into
+// `image` (sized to the options first if it is not). Every pixel depends only
+// on the scene, the options and the camera: which process or thread renders
+// which rows changes no bit.
+void renderRows(const Scene& scene, const Options& opt, const Camera& camera, int firstRow, int numRows,
+                Image& image, StageTimes& times, bool progress);
+
+// Frame `frame` of a turntable of numFrames frames: the camera turned about
+// the vertical axis through the target; frame 0 is scene.camera.
+Camera turntableCamera(const Scene& scene, const Options& opt, int frame, int numFrames);
 
 // 8-bit value of a linear radiance (clamped, gamma 2.2).
 uint8_t toByte(float linear);
