@@ -16,5 +16,7 @@ for target in i386 x86_64 asan; do
   fi
   (cd "build-$target" && ctest --output-on-failure -j1) || status=1
 done
+echo "== python"
+(unset ASAN_OPTIONS UBSAN_OPTIONS; bash tools/test_python.sh) || status=1
 [ $status -eq 0 ] && echo "all tests passed on i386, x86_64 and asan" || echo "tests FAILED"
 exit $status
