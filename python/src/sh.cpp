@@ -211,8 +211,8 @@ real functions sqrt(2) K P cos(m phi) for m > 0, sqrt(2) K P sin(|m| phi)
 for m < 0.
 
 Example:
-    >>> vekr.sh_eval([0, 0, 1], 1)
-    array([0.2820948, 0.       , 0.4886025, 0.       ], dtype=float32)
+    >>> vekr.sh_eval([0, 0, 1], 1).round(4)    # -0: -0.4886 * y with y = 0
+    array([ 0.2821, -0.    ,  0.4886, -0.    ], dtype=float32)
 )");
     m.def("sh_band", &shBand, py::arg("directions"), py::arg("band"), py::kw_only(), py::arg("out") = py::none(),
           R"(sh_band(directions, band, *, out=None) -> ndarray
@@ -224,8 +224,8 @@ band:    0 to 15.
 Returns float32 of shape (..., 2*band+1), Y_band^m at index band + m.
 
 Example:
-    >>> vekr.sh_band([[1, 0, 0]], 1)
-    array([[-0.       ,  0.       , -0.4886025]], dtype=float32)
+    >>> vekr.sh_band([[1, 0, 0]], 1).round(4)
+    array([[-0.    ,  0.    , -0.4886]], dtype=float32)
 )");
     m.def("sh_project", &shProject, py::arg("directions"), py::arg("values"), py::arg("order"), py::kw_only(),
           py::arg("method") = "direct", py::arg("out") = py::none(),
@@ -264,8 +264,8 @@ Returns float32 of shape (...) or (..., 3).
 
 Example:
     >>> c = vekr.sh_project([[0, 0, 1.0]], [1.0], 1)
-    >>> vekr.sh_reconstruct(c, [[0, 0, 1.0]])
-    array([0.31830987], dtype=float32)
+    >>> vekr.sh_reconstruct(c, [[0, 0, 1.0]]).round(4)   # 0.2821**2 + 0.4886**2
+    array([0.3183], dtype=float32)
 )");
 }
 
