@@ -150,6 +150,21 @@ def test_out_of_range_indices_are_rejected(tris, text):
     v = np.eye(3, dtype=np.float32)
     with pytest.raises(ValueError, match=text):
         vekr.Scene(v, tris)
+    with pytest.raises(ValueError, match="finite"):
+        vekr.Scene(np.array([[0, 0, np.nan], [1, 0, 0], [0, 1, 0]]), [[0, 1, 2]])
+
+
+def test_nan_rays_are_answered_without_harm(mesh):
+    """The traversal's stack is bounded by the tree depth (at most 50), so
+    rays of NaN or infinite components end like any other."""
+    v, t = mesh
+    s = vekr.Scene(v, t)
+    d = np.array([[np.nan, 0, -1], [0, 0, np.inf], [0, 0, -1], [np.nan] * 3], np.float32)
+    h = s.intersect([0.01, 0.02, 3.0], d)
+    assert h.triangle[2] >= 0
+    s.intersect(np.full((4, 3), np.nan), d)
+    s.occluded([0.01, 0.02, 3.0], d)
+    s.intersect_multiple([np.nan, 0, 3], d, 4)
 
 
 @pytest.mark.parametrize("call,exc,text", [

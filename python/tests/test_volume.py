@@ -251,6 +251,13 @@ def test_out_is_written_and_returned():
     (lambda: vekr.convolve(np.zeros((2, 2, 2), np.int16), np.ones((3, 3, 3), int), anchor=(0, 3, 0)), ValueError,
      "inside the kernel"),
     (lambda: vekr.convolve(np.zeros((2, 2, 2), np.int16), np.ones((1, 1, 1), int), mode="same"), ValueError, "mode"),
+    # Inputs the library would not reject but could read out of bounds with:
+    (lambda: vekr.remap(np.zeros((4, 4, 4), np.uint8), np.full((3, 2, 2, 2), np.nan), interpolation="nearest"),
+     ValueError, "NaN"),
+    (lambda: vekr.remap(np.zeros((1, 4, 4), np.uint8), np.full((3, 2, 2, 2), np.nan)), ValueError, "NaN"),
+    (lambda: vekr.warp_affine(np.zeros((4, 4, 4), np.uint8), np.full((3, 4), np.nan)), ValueError, "finite"),
+    (lambda: vekr.resize(np.zeros((4, 4, 4), np.uint8), zoom=np.inf), ValueError, "finite"),
+    (lambda: vekr.warp_affine(np.zeros((4, 4, 4), np.uint8), np.eye(4), cval=-1), ValueError, "cval"),
 ])
 def test_bad_arguments_raise_before_the_library(call, exc, text):
     with pytest.raises(exc, match=None) as e:
