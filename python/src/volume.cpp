@@ -114,9 +114,12 @@ std::array<double, 3> perAxis(const py::object& o, const char* what, const char*
     return {s[0].cast<double>(), s[1].cast<double>(), s[2].cast<double>()};
 }
 
+// The caller's out= array, or a new one filled with `fill` (left unfilled for
+// operations that write every voxel, fill = NaN).
 template <class T>
 py::array_t<T> newOrOut(const py::object& out, const std::vector<py::ssize_t>& shape, double fill, const char* what) {
     if (!out.is_none()) return checkOut<T>(out, shape, what);
+    if (std::isnan(fill)) return py::array_t<T>(shape);
     if (std::is_integral<T>::value &&
         !(fill >= double(std::numeric_limits<T>::lowest()) && fill <= double(std::numeric_limits<T>::max())))
         throw py::value_error(std::string(what) + ": cval does not fit the volume's dtype");
@@ -150,7 +153,10 @@ py::array resizeT(const py::array& volIn, const VekrCuboid& srcVoi, const std::v
                   const std::array<double, 3>& fzyx, int code, const py::object& out) {
     auto vol = py::reinterpret_borrow<py::array_t<T>>(volIn);
     const VekrVolume sv = volumeOf(vol, "resize");
-    auto dst = newOrOut<T>(out, dstShape, 0.0, "resize");
+    // The output extent and factors make the library write every output voxel,
+    // unless it returns a warning; only then is a new output zeroed.
+    const bool fresh = out.is_none();
+    auto dst = newOrOut<T>(out, dstShape, std::numeric_limits<double>::quiet_NaN(), "resize");
     const VekrVolume dv{toInt(dstShape[2], "resize", "width"), toInt(dstShape[1], "resize", "height"),
                         toInt(dstShape[0], "resize", "depth")};
     const VekrCuboid dstVoi{0, 0, 0, dv.width, dv.height, dv.depth};
@@ -185,6 +191,7 @@ py::array resizeT(const py::array& volIn, const VekrCuboid& srcVoi, const std::v
     }
     if (bufStatus == vekStatusOk && bufSize <= 0)
         throw py::value_error("resize: the work buffer of this output exceeds the 32-bit sizes of the C interface");
+    if (status > 0 && fresh) std::fill(dst.mutable_data(), dst.mutable_data() + dst.size(), T(0));
     check(status, "resize", status == vekStatusBadSize ? sizeDetail(sv, &srcVoi, &dv, "output shape") : "");
     return std::move(dst);
 }
@@ -448,7 +455,7 @@ py::array convolve(const py::object& volume, const py::object& kernel, int divis
     }
     const VekrVolume dv{toInt(outShape[2], "convolve", "width"), toInt(outShape[1], "convolve", "height"),
                         toInt(outShape[0], "convolve", "depth")};
-    auto dst = newOrOut<std::int16_t>(out, outShape, 0.0, "convolve");
+    auto dst = newOrOut<std::int16_t>(out, outShape, std::numeric_limits<double>::quiet_NaN(), "convolve");
 
     const py::ssize_t sw = src.shape(2), splane = src.shape(1) * src.shape(2);
     std::vector<const std::int16_t*> sp;

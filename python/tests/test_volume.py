@@ -65,6 +65,19 @@ def test_resize_zoom_output_extent_rounds_half_up(zoom, expect):
     assert capi.same_bits(got, ref)
 
 
+@pytest.mark.parametrize("zoom", [0.37, 1.0, 1.5, (2.9, 0.61, 1.13), 3.3])
+@pytest.mark.parametrize("region", [None, ((1, 10), (2, 13), (0, 5))])
+def test_resize_writes_every_output_voxel(zoom, region):
+    """New outputs are not cleared first: the extents chosen must make the
+    library write all of them. A NaN-filled out= shows any voxel it skips."""
+    src = volume((11, 13, 12), np.float32)
+    shape = vekr.resize(src, zoom=zoom, region=region).shape
+    for kw in (dict(zoom=zoom), dict(shape=shape)):
+        out = np.full(shape, np.nan, np.float32)
+        vekr.resize(src, out=out, region=region, interpolation="cubic", **kw)
+        assert not np.isnan(out).any()
+
+
 @pytest.mark.parametrize("dtype", DTYPES)
 @pytest.mark.parametrize("interp", ["nearest", "linear", "catmull-rom", "bspline"])
 def test_warp_affine_equals_c_interface(dtype, interp):
@@ -301,6 +314,8 @@ def test_warning_statuses_warn_and_write_nothing():
         warnings.simplefilter("error")
         with pytest.raises(vekr.VekrWarning):
             vekr.resize(src, (2, 2, 2), region=((0, 4), (0, 4), (4, 5)))
+    with pytest.warns(vekr.VekrWarning, match="vekStatusVoiOutsideSrc in resize"):
+        assert not vekr.resize(src, (5, 6, 7), region=((0, 4), (0, 4), (4, 5))).any()
 
 
 # ------------------------------------------------------------------ threads
