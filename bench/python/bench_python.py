@@ -126,7 +126,7 @@ def main():
             rates.append(work / best(ours) * 1e-6)
         vekr.set_num_threads(saved)
         ref = work / best(theirs, min_time=0.5 if "B-spline" not in name else 0.1) * 1e-6
-        print(f"| {name} | {unit} | {rates[0]:.1f} | {rates[1]:.1f} | {ref:.2f} | {rates[0] / ref:.0f}x |",
+        print(f"| {name} | {unit} | {rates[0]:.1f} | {rates[1]:.1f} | {ref:.3g} | {rates[0] / ref:.0f}x |",
               flush=True)
 
     # Per-call cost of the binding on tiny inputs (conversion and checks dominate).
