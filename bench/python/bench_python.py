@@ -17,7 +17,8 @@ Equal work:
   map_coordinates  the same float32 coordinates, order 1, prefilter=False
   convolve         int16 volume, integer kernel, mode='constant'
   sph_harm         every function of bands 0..L per direction; scipy returns
-                   the complex functions, one ufunc call per (l, m)
+                   the complex functions, one ufunc call per (l, m); vekr's
+                   closed form (the default) and its recurrence
 """
 import os
 import sys
@@ -107,6 +108,8 @@ def cases(quick):
          lambda: vekr.sh_eval(dirs, 3), scipy_sh(3, len(i))),
         (f"sph_harm order 15, {nd15} directions", nd15, "M dirs/s",
          lambda: vekr.sh_eval(dirs[:nd15], 15), scipy_sh(15, nd15)),
+        (f"sph_harm order 15, {nd15} directions, method='recurrence'", nd15, "M dirs/s",
+         lambda: vekr.sh_eval(dirs[:nd15], 15, method="recurrence"), scipy_sh(15, nd15)),
     ]
 
 
