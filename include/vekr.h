@@ -479,7 +479,8 @@ VEKR_API VekStatus vekrSHTInv_32f_P3C3(const float* const pCoeffs[3], uint32_t o
  * end = max(trunc((x + width) * factor + shift + 0.5000000001), 0).
  * Checks: pDstVoi (NullPtr); srcVoi x, width, y, height, z, depth (BadSize);
  * factors > 0 (BadResizeFactor); interpolation (BadInterpolation). An empty
- * region gives vekStatusNoOperation and leaves *pDstVoi unwritten. */
+ * region gives vekStatusNoOperation and leaves *pDstVoi unwritten; a region
+ * whose end lies beyond INT_MAX on some axis gives vekStatusBadSize. */
 VEKR_API VekStatus vekrGetResizeCuboid(VekrCuboid srcVoi, VekrCuboid* pDstVoi, double xFactor, double yFactor,
                                        double zFactor, double xShift, double yShift, double zShift,
                                        int interpolation);

@@ -360,7 +360,9 @@ using namespace vekr;
 extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectEyeSO_32f(const float* pOrigin, const float* const pDirection[3],
                                                           float* pDist, float* const pHit[2], int32_t* pTrngl,
                                                           const VekrIntersectContext* pContext, int width, int height) {
-    if (height < 1) return vekStatusOk;
+    // No ray (and no read of the pointer arrays) for an empty block, nor for
+    // one of more rays than any caller's arrays can hold.
+    if (height < 1 || width < 1 || !ownBlockFits(static_cast<int64_t>(width) * height)) return vekStatusOk;
     const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
                         ownAllAligned16(pDirection[0], pDirection[1], pDirection[2], pDist, pHit[0], pHit[1], pTrngl);
     const float* planes[3] = {pOrigin, pOrigin + 1, pOrigin + 2};
@@ -373,7 +375,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectEyeSO_32f(const float* pOrigin, 
 extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectMO_32f(const float* const pOrigin[3], const float* const pDirection[3],
                                                        float* pDist, float* const pHit[2], int32_t* pTrngl,
                                                        const VekrIntersectContext* pContext, int width, int height) {
-    if (height < 1) return vekStatusOk;
+    if (height < 1 || width < 1 || !ownBlockFits(static_cast<int64_t>(width) * height)) return vekStatusOk;
     const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
                         ownAllAligned16(pOrigin[0], pOrigin[1], pOrigin[2], pDirection[0], pDirection[1], pDirection[2],
                                         pDist, pHit[0], pHit[1], pTrngl);
@@ -387,10 +389,20 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectMultipleSO_32f(const float* pOri
                                                                float* pDist, float* const pHit[2], int32_t* pTrngl,
                                                                int width, int height, int depth,
                                                                const VekrIntersectContext* pContext) {
-    const int64_t total = static_cast<int64_t>(depth) * width * height;
-    for (int64_t n = 0; n < total; ++n) pTrngl[n] = -1;
-    // A depth below 1 asks for no hit at all.
-    if (height < 1 || width < 1 || depth < 1) return vekStatusOk;
+    // Every index entry starts as a miss: all depth x width x height of them,
+    // whenever that product is at least 1 (the signs of the three sizes may
+    // cancel). A product beyond an int32 count is no array size and is left
+    // alone; |width x height| <= 2^62, so the product is formed exactly once
+    // that plane is known to be small enough.
+    const int64_t plane = static_cast<int64_t>(width) * height;
+    const bool planeSmall = plane >= -INT64_C(2147483648) && ownBlockFits(plane);
+    const int64_t total = planeSmall ? plane * depth : 0;
+    const bool fits = planeSmall && ownBlockFits(total);
+    if (fits && total >= 1)
+        for (int64_t n = 0; n < total; ++n) pTrngl[n] = -1;
+    // An empty block or a depth below 1 searches nothing; nor does a block
+    // too large to be an array.
+    if (height < 1 || width < 1 || depth < 1 || !fits) return vekStatusOk;
     const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
                         ownAllAligned16(pDirection[0], pDirection[1], pDirection[2], pDist, pHit[0], pHit[1], pTrngl);
     const OwnLevels out{pDist, pHit, pTrngl, static_cast<std::size_t>(width) * static_cast<std::size_t>(height), depth};
@@ -410,7 +422,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectMultipleSO_32f(const float* pOri
 extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectAnySO_32f(const float* pOrigin, const float* const pDirection[3],
                                                           int32_t* pOccluder, int32_t* pMask, int width, int height,
                                                           const VekrIntersectContext* pContext) {
-    if (height < 1 || width < 1) return vekStatusOk;
+    if (height < 1 || width < 1 || !ownBlockFits(static_cast<int64_t>(width) * height)) return vekStatusOk;
     const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
                         ownAllAligned16(pDirection[0], pDirection[1], pDirection[2], pOccluder, pMask);
     for (int row = 0; row < height; ++row) {

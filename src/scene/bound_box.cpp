@@ -30,10 +30,10 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrSetBoundBox_32f(const float* pVertices, i
     // (the order matters for signed zeros, which compare equal).
     int i = 0;
     for (; i + 1 < numVertices; i += 2) {
-        ownTakeVertex(pVertices + 3 * i, lo, hi);
-        ownTakeVertex(pVertices + 3 * i + 3, lo, hi);
+        ownTakeVertex(pVertices + 3 * static_cast<std::ptrdiff_t>(i), lo, hi);
+        ownTakeVertex(pVertices + 3 * static_cast<std::ptrdiff_t>(i) + 3, lo, hi);
     }
-    if (i < numVertices) ownTakeVertex(pVertices + 3 * i, lo, hi);
+    if (i < numVertices) ownTakeVertex(pVertices + 3 * static_cast<std::ptrdiff_t>(i), lo, hi);
 
     // One margin for all axes: 0.0001 of the largest coordinate magnitude, at
     // least of the smallest normal float, in float arithmetic.

@@ -80,7 +80,7 @@ extern "C" VekStatus vekrTriangleAccelGetSize(int* pSize) {
 // Indices and pointers are trusted: the caller guarantees they are valid.
 extern "C" OWN_SSE_ENTRY VekStatus vekrTriangleAccelInit(VekrTriangleAccel* pAccel, const float* pVertices,
                                                          const int* pTriangles, int numTriangles) {
-    for (int t = 0; t < numTriangles; ++t)
-        ownTriangleAccel(pAccel + t, pVertices, reinterpret_cast<const int32_t*>(pTriangles) + 4 * t);
+    const int32_t* tri = reinterpret_cast<const int32_t*>(pTriangles);
+    for (int t = 0; t < numTriangles; ++t) ownTriangleAccel(pAccel + t, pVertices, tri + 4 * static_cast<std::ptrdiff_t>(t));
     return vekStatusOk;
 }

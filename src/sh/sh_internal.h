@@ -20,8 +20,22 @@ constexpr int kSHMaxCoeffs = (kSHMaxOrder + 1) * (kSHMaxOrder + 1);
 constexpr std::uint32_t kSHTableOffset = (sizeof(VekrSHState) + 15u) & ~15u;
 
 // Number of entries of each type-1 table for an order: rows 0 .. order of a
-// triangle, in unsigned 32-bit arithmetic.
+// triangle, in unsigned 32-bit arithmetic. Only called for orders whose state
+// size fits (ownSHRecurrenceSize), far below where the product would wrap.
 inline std::uint32_t ownSHTriangle(std::uint32_t order) { return ((order + 1u) * (order + 2u)) / 2u; }
+
+// Byte size of a type-1 state: 8n bytes rounded up to 32 cover both tables
+// with the alignment gap before table B, and kSHTableOffset covers the header
+// and the gap before A. Formed in 64 bits; false when the size does not fit
+// the signed 32-bit size the caller receives (orders from about 23169 up),
+// so that no order can yield a wrapped size.
+inline bool ownSHRecurrenceSize(std::uint32_t order, std::uint32_t* pSize) {
+    const std::uint64_t n = (std::uint64_t(order) + 1u) * (std::uint64_t(order) + 2u) / 2u;
+    const std::uint64_t size = ((8u * n + 30u) & ~std::uint64_t(31)) + kSHTableOffset;
+    if (size > 0x7FFFFFFFu) return false;
+    *pSize = static_cast<std::uint32_t>(size);
+    return true;
+}
 
 // vekrSH_32f without the export: the checks in their order, then evaluation.
 VekStatus ownSH_32f(const float* pX, const float* pY, const float* pZ, int count, float* pDst,

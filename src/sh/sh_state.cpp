@@ -8,14 +8,8 @@
 namespace vekr {
 namespace {
 
-// Byte size of a state. Type 0 is the bare header. Type 1 adds the two
-// tables: 8n bytes rounded up to 32 cover both tables with the alignment gap
-// before table B, and kSHTableOffset covers the header and the gap before A.
+// Byte size of a type-0 state: the bare header. (Type 1: ownSHRecurrenceSize.)
 std::uint32_t ownSHDirectSize() { return static_cast<std::uint32_t>(sizeof(VekrSHState)); }
-std::uint32_t ownSHRecurrenceSize(std::uint32_t order) {
-    const std::uint32_t n = ownSHTriangle(order);
-    return ((8u * n + 30u) & ~31u) + kSHTableOffset;
-}
 
 // Fills the triangular tables A and B (already zeroed) for rows 0 .. order.
 // Row l serves band l of the recurrence:
@@ -83,7 +77,9 @@ extern "C" VekStatus vekrSHGetSize_32f(std::uint32_t order, std::uint32_t type, 
         return vekStatusOk;
     }
     if (type == vekrSHRecurrence) {
-        *pSize = static_cast<int>(ownSHRecurrenceSize(order));
+        std::uint32_t size;
+        if (!ownSHRecurrenceSize(order, &size)) return vekStatusBadSize;
+        *pSize = static_cast<int>(size);
         return vekStatusOk;
     }
     return vekStatusBadArgument;
@@ -99,7 +95,10 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrSHInit_32f(VekrSHState* pState, std::uint
         return vekStatusOk;
     }
     if (type == vekrSHRecurrence) {
-        std::memset(static_cast<void*>(pState), 0, ownSHRecurrenceSize(order));
+        // An order whose size the query refuses has no buffer to fill.
+        std::uint32_t size;
+        if (!ownSHRecurrenceSize(order, &size)) return vekStatusBadSize;
+        std::memset(static_cast<void*>(pState), 0, size);
         // Table A starts kSHTableOffset past the first 16-byte boundary, table
         // B at the first 16-byte boundary after A's n entries.
         const std::uintptr_t base = (reinterpret_cast<std::uintptr_t>(pState) + 15u) & ~std::uintptr_t(15);

@@ -63,7 +63,10 @@ OWN_LANE void ownFlatNormal(IO, int i, const float* triNorm, const std::int32_t*
     auto gather = [&](auto allHit) OWN_KERNEL {
         IO::gather3(n, [&](int k) {
             const std::int32_t t = triIndex[i + k];
-            return IO::template pick<allHit.value>(t, triNorm, 3 * static_cast<std::ptrdiff_t>(t), kZeroNormal);
+            // The offset of a miss (any negative t, INT32_MIN included) is
+            // formed with wrap-around and never used.
+            const std::ptrdiff_t offset = static_cast<std::ptrdiff_t>(3u * static_cast<std::size_t>(t));
+            return IO::template pick<allHit.value>(t, triNorm, offset, kZeroNormal);
         });
     };
     if (IO::allHit(IO::loadI(triIndex + i)))
@@ -198,8 +201,8 @@ OWN_LANE void ownTriangleNormalPair(const float* vert, const std::int32_t* tri, 
 // each triangle's normal is written by exactly one thread and depends on
 // nothing else, so the result is the same for every team size.
 void ownTriangleNormals_MT(const float* vert, const std::int32_t* tri, float* out, int numTriangles) {
-    const int numThreads = ownGetNumThreads();
     const int numPairs = numTriangles / 2;
+    const int numThreads = ownTeamSize(ownGetNumThreads(), numPairs);
 #pragma omp parallel num_threads(numThreads)
     {
 #pragma omp for schedule(static) nowait
@@ -283,6 +286,9 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrTriangleNormal_32f(const float* pVertCoor
                                                           float* pTriNorm, int numTriangles) {
     if (pVertCoord == nullptr || pTriVert == nullptr || pTriNorm == nullptr) return vekStatusNullPtr;
     if (numTriangles < 1) return vekStatusOk;
+    // Rows of 16 bytes: a count whose triangle array could not fit in the
+    // address space (i386) would wrap the threads' start addresses.
+    if (static_cast<std::int64_t>(numTriangles) * 16 > PTRDIFF_MAX) return vekStatusBadSize;
     ownTriangleNormals_MT(pVertCoord, pTriVert, pTriNorm, numTriangles);
     return vekStatusOk;
 }

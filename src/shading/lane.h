@@ -277,9 +277,12 @@ OWN_LANE void ownForEachPath(bool vector4, int count, Kernel&& kernel) {
 // 16-byte boundary (only tried when anchor is 4-byte aligned, otherwise it
 // never would), then four at a time with the anchor array aligned and the
 // others loaded unaligned, then the remaining singles. Element-wise kernels
-// give the same values whichever lane width handles an element.
+// give the same values whichever lane width handles an element. A count below
+// 1 processes nothing: rounding a negative remainder down to a multiple of 4
+// would otherwise start the loops before the arrays.
 template <class Kernel>
 OWN_LANE void ownForEachPeeled(const float* anchor, int count, Kernel&& kernel) {
+    if (count < 1) return;
     int i = 0;
     if ((reinterpret_cast<std::uintptr_t>(anchor) & 3u) == 0) {
         while (i < count && !ownIsAligned16(anchor + i)) kernel(ownLane1{}, i++);

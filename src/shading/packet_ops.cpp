@@ -195,6 +195,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrMul_32f_C1P3IM(const float* pSrc, const i
 extern "C" OWN_SSE_ENTRY VekStatus vekrDiv_32f_C1IM(const float* pSrc, const int32_t* pMask, float* pSrcDst,
                                                     int count) {
     if (pSrc == nullptr || pSrcDst == nullptr) return vekStatusNullPtr;
+    if (count < 1) return vekStatusOk;
     // Every element is processed; the flag only chooses the status. Element
     // by element, the four-wide steps aligned on the destination.
     bool divByZero = false;

@@ -79,6 +79,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrCastEye_32f(const float pOrigin[3], const
                                                    float* const pDir[3], int width, int height) {
     if (pDir == nullptr) return vekStatusNullPtr;
     if (height < 1 || width < 1) return vekStatusOk;
+    if (!ownBlockFits(static_cast<std::int64_t>(width) * height)) return vekStatusBadSize;
 
     const bool vector4 = ownIsMultipleOf4(width);
     const bool aligned = ownAllAligned16(pDir[0], pDir[1], pDir[2]);

@@ -1,1 +1,1 @@
-vekr_component(filter volume/filter.cpp)
+vekr_component(filter volume/filter.cpp volume/team.h)

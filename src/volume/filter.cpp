@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "core/own.h"
+#include "volume/team.h"
 
 namespace {
 
@@ -22,11 +23,33 @@ constexpr std::int32_t kPackMax = 32766;
 
 // Bytes of one thread's share of the work buffer: the accumulator row (width
 // rounded up to 16 voxels, 4 bytes each), 32 bytes per coefficient pair of the
-// kernel and 32 bytes of slack (used to align the share to 16 bytes).
-// Unsigned 32-bit arithmetic, as the size query reports it.
-inline std::uint32_t ownFilterShareBytes(std::uint32_t width, std::uint32_t nChannel, std::uint32_t kw,
-                                         std::uint32_t kh, std::uint32_t kd) {
-    return 64u * ((width * nChannel + 15u) / 16u) + 32u * ((kw + 1u) / 2u) * kh * kd + 32u;
+// kernel and 32 bytes of slack (used to align the share to 16 bytes). The
+// formula is one of unsigned 32-bit arithmetic; ownFilterBufSize forms it in
+// 64 bits, which gives the same value wherever the result fits.
+inline std::uint64_t ownFilterShareBytes(std::uint32_t width, std::uint32_t kw, std::uint32_t kh, std::uint32_t kd) {
+    return 64u * ((std::uint64_t(width) + 15u) / 16u) +
+           32u * ((std::uint64_t(kw) + 1u) / 2u) * std::uint64_t(kh) * std::uint64_t(kd) + 32u;
+}
+
+// The share size and the whole buffer for `threads` shares, the one
+// computation behind the size query and the filter's own check. False when
+// the buffer does not fit in the signed 32-bit size the query reports: the
+// query then fails instead of reporting a wrapped size, and the filter
+// refuses the call, since no caller can hold a buffer for it. Sizes are
+// positive ints; a kernel of more than 2^26 coefficient pairs (2^31 bytes)
+// is refused before the 64-bit products could overflow.
+inline bool ownFilterBufSize(int width, int kw, int kh, int kd, int threads, std::uint64_t* pShare,
+                             std::uint32_t* pTotal) {
+    const std::uint64_t rows = static_cast<std::uint64_t>(kh) * static_cast<std::uint64_t>(kd);  // < 2^62
+    if (rows > (1u << 26) || ((static_cast<std::uint64_t>(kw) + 1u) / 2u) * rows > (1u << 26)) return false;
+    const std::uint64_t share = ownFilterShareBytes(static_cast<std::uint32_t>(width), static_cast<std::uint32_t>(kw),
+                                                    static_cast<std::uint32_t>(kh), static_cast<std::uint32_t>(kd));
+    if (share > 0x7FFFFFFFu) return false;
+    const std::uint64_t total = share * static_cast<std::uint64_t>(threads);
+    if (total > 0x7FFFFFFFu) return false;
+    *pShare = share;
+    *pTotal = static_cast<std::uint32_t>(total);
+    return true;
 }
 
 inline std::uint8_t* ownAlignUp16(std::uint8_t* p) {
@@ -44,7 +67,9 @@ struct FilterJob {
     int width, height, depth;
     const std::int32_t* pKernel;
     int kw, kh, kd;
-    int ox, oy, oz;
+    // 64-bit: the anchor is not checked, and anchor - (size - 1) must not
+    // overflow whatever the caller passes.
+    std::int64_t ox, oy, oz;
     float scale;
     std::uint8_t* pBuffer;
     std::size_t shareBytes;
@@ -54,8 +79,8 @@ struct FilterJob {
 // Start of source row j of reversed kernel plane k for destination row (y, z),
 // already moved to the first source column that destination voxel 0 reads.
 inline const std::int16_t* ownSrcRow(const FilterJob& job, int y, int z, int j, int k) {
-    const std::int16_t* plane = job.pSrc[static_cast<std::ptrdiff_t>(z) + job.oz + k];
-    return plane + (static_cast<std::ptrdiff_t>(y) + job.oy + j) * job.srcStep + job.ox;
+    const std::int16_t* plane = job.pSrc[static_cast<std::ptrdiff_t>(z + job.oz + k)];
+    return plane + static_cast<std::ptrdiff_t>((y + job.oy + j) * job.srcStep + job.ox);
 }
 
 // ---------------------------------------------------------------------------
@@ -303,7 +328,7 @@ inline void ownFilterRow(const FilterJob& job, const FilterShare& s, std::int64_
 // the result does not depend on the thread count.
 void ownFilter_MT(const FilterJob& job, int numThreads) {
     const std::int64_t rows = static_cast<std::int64_t>(job.height) * job.depth;
-#pragma omp parallel num_threads(numThreads)
+#pragma omp parallel num_threads(vekr::ownVolumeTeam(numThreads, rows))
     {
         const FilterShare s = ownPrepareShare(job, omp_get_thread_num());
 #pragma omp for schedule(static)
@@ -325,11 +350,12 @@ extern "C" VekStatus vekrFilterGetBufSize(VekrVolume dstVolume, VekrVolume kerne
         kernelVolume.height < 1 || kernelVolume.depth < 1)
         return vekStatusBadSize;
     if (nChannel != 1) return vekStatusBadNumChannels;
-    const std::uint32_t share = ownFilterShareBytes(
-        static_cast<std::uint32_t>(dstVolume.width), static_cast<std::uint32_t>(nChannel),
-        static_cast<std::uint32_t>(kernelVolume.width), static_cast<std::uint32_t>(kernelVolume.height),
-        static_cast<std::uint32_t>(kernelVolume.depth));
-    *pSize = static_cast<int>(share * static_cast<std::uint32_t>(ownGetNumThreads()));
+    std::uint64_t share;
+    std::uint32_t total;
+    if (!ownFilterBufSize(dstVolume.width, kernelVolume.width, kernelVolume.height, kernelVolume.depth,
+                          ownGetNumThreads(), &share, &total))
+        return vekStatusBadSize;
+    *pSize = static_cast<int>(total);
     return vekStatusOk;
 }
 
@@ -342,6 +368,15 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrFilter_16s_C1PV(const int16_t* const* pSr
     if (dstVolume.width < 1 || dstVolume.height < 1 || dstVolume.depth < 1) return vekStatusBadSize;
     if (kernelVolume.width < 1 || kernelVolume.height < 1 || kernelVolume.depth < 1) return vekStatusBadSize;
     if (divisor == 0) return vekStatusBadSize;
+    // The buffer this call works in: a share per thread it runs, as the size
+    // query sizes it. A size beyond the int range is one the query refused.
+    const int numThreads = ownGetNumThreads();
+    const bool parallel = numThreads > 1 && dstVolume.width > 15 && dstVolume.height > 15 && dstVolume.depth > 15;
+    std::uint64_t shareBytes;
+    std::uint32_t bufBytes;
+    if (!ownFilterBufSize(dstVolume.width, kernelVolume.width, kernelVolume.height, kernelVolume.depth,
+                          parallel ? numThreads : 1, &shareBytes, &bufBytes))
+        return vekStatusBadSize;
 
     FilterJob job;
     job.pSrc = pSrc;
@@ -355,19 +390,17 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrFilter_16s_C1PV(const int16_t* const* pSr
     job.kw = kernelVolume.width;
     job.kh = kernelVolume.height;
     job.kd = kernelVolume.depth;
-    job.ox = anchor.x - (kernelVolume.width - 1);
-    job.oy = anchor.y - (kernelVolume.height - 1);
-    job.oz = anchor.z - (kernelVolume.depth - 1);
+    job.ox = std::int64_t(anchor.x) - (kernelVolume.width - 1);
+    job.oy = std::int64_t(anchor.y) - (kernelVolume.height - 1);
+    job.oz = std::int64_t(anchor.z) - (kernelVolume.depth - 1);
     // The scale is formed once, in float, and multiplies every sum.
     job.scale = 1.0f / static_cast<float>(divisor);
     job.pBuffer = pBuffer;
-    job.shareBytes = ownFilterShareBytes(static_cast<std::uint32_t>(job.width), 1u, static_cast<std::uint32_t>(job.kw),
-                                         static_cast<std::uint32_t>(job.kh), static_cast<std::uint32_t>(job.kd));
+    job.shareBytes = static_cast<std::size_t>(shareBytes);
     const std::size_t n = static_cast<std::size_t>(job.kw) * job.kh * job.kd;
     job.packed = std::all_of(pKernel, pKernel + n, [](std::int32_t c) { return c >= kPackMin && c <= kPackMax; });
 
-    const int numThreads = ownGetNumThreads();
-    if (numThreads > 1 && job.width > 15 && job.height > 15 && job.depth > 15)
+    if (parallel)
         ownFilter_MT(job, numThreads);
     else
         ownFilter(job);

@@ -12,9 +12,9 @@ namespace vekr {
 
 namespace {
 
-inline std::uint32_t ownUp16(std::uint32_t n) { return (n + 15u) & ~15u; }
-inline std::uint32_t ownUp64(std::uint32_t n) { return (n + 63u) & ~63u; }
-inline std::uint32_t ownDown64(std::uint32_t n) { return n & ~63u; }
+inline std::uint64_t ownUp16(std::uint64_t n) { return (n + 15u) & ~std::uint64_t(15); }
+inline std::uint64_t ownUp64(std::uint64_t n) { return (n + 63u) & ~std::uint64_t(63); }
+inline std::uint64_t ownDown64(std::uint64_t n) { return n & ~std::uint64_t(63); }
 
 // One axis of the resize cuboid. The start rounds half down and the end half
 // up (0.4999999999 and 0.5000000001), so a boundary landing exactly on .5
@@ -33,10 +33,15 @@ inline OwnAxisSpan ownCuboidAxis(std::int32_t first, std::int32_t extent, double
 
 }  // namespace
 
-std::uint32_t ownResizeBufPerThread(std::uint32_t w, std::uint32_t h, std::uint32_t d, std::uint32_t nc, int code) {
+std::uint64_t ownResizeBufPerThread(std::uint32_t w32, std::uint32_t h32, std::uint32_t d32, std::uint32_t nc32,
+                                    int code) {
+    // Below 2^29 per extent no term comes near 2^64 (the largest, 16 h nc
+    // U64(w), stays under 2^63 for nc <= 2).
+    if (w32 >= (1u << 29) || h32 >= (1u << 29) || d32 >= (1u << 29) || nc32 > 2u) return kResizeBufTooBig;
+    const std::uint64_t w = w32, h = h32, d = d32, nc = nc32;
     if (code == vekrInterNearest) return 64u * ((w + 15u) / 16u + (h + 15u) / 16u + (d + 15u) / 16u);
     // Index and fraction tables of the three axes.
-    const std::uint32_t tables = 4u * (ownUp16(w) + ownUp16(h) + ownUp16(d) + ownUp64(w) + ownUp64(h) + ownUp64(d));
+    const std::uint64_t tables = 4u * (ownUp16(w) + ownUp16(h) + ownUp16(d) + ownUp64(w) + ownUp64(h) + ownUp64(d));
     if (code == vekrInterLinear)
         return tables + nc * (256u * ((2u * w + 127u) / 64u + (8u * (w + h) + 127u) / 64u) + 8u * h * ownUp64(w));
     return tables + 16u * h * nc * ownUp64(w) +
@@ -61,12 +66,11 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrGetResizeCuboid(VekrCuboid srcVoi, VekrCu
     const OwnAxisSpan z = ownCuboidAxis(srcVoi.z, srcVoi.depth, zFactor, zShift);
     if (!(x.end > x.start) || !(y.end > y.start) || !(z.end > z.start)) return vekStatusNoOperation;
 
-    // The spans are integral doubles. One beyond the int32 range (a huge
-    // factor or shift, or an infinite factor) converts to INT32_MIN, the
-    // value a 32-bit SSE conversion gives for it.
-    auto toInt = [](double v) {
-        return (v > -2147483649.0 && v < 2147483648.0) ? static_cast<std::int32_t>(v) : INT32_MIN;
-    };
+    // The spans are integral doubles from 0 up. A region reaching past the
+    // int32 range (a huge factor or shift, or an infinite factor) cannot be
+    // described by a cuboid: refused rather than reported wrapped.
+    if (!(x.end <= 2147483647.0) || !(y.end <= 2147483647.0) || !(z.end <= 2147483647.0)) return vekStatusBadSize;
+    auto toInt = [](double v) { return static_cast<std::int32_t>(v); };
     pDstVoi->x = toInt(x.start);
     pDstVoi->y = toInt(y.start);
     pDstVoi->z = toInt(z.start);
@@ -83,10 +87,10 @@ extern "C" VekStatus vekrResizeGetBufSize(VekrCuboid srcVoi, VekrCuboid dstVoi, 
     if (nChannel != 1) return vekStatusBadNumChannels;
     if (!ownIsValidInterpolation(interpolation)) return vekStatusBadInterpolation;
 
-    const std::uint32_t perThread = ownResizeBufPerThread(
-        static_cast<std::uint32_t>(dstVoi.width), static_cast<std::uint32_t>(dstVoi.height),
-        static_cast<std::uint32_t>(dstVoi.depth), static_cast<std::uint32_t>(nChannel), interpolation);
-    const std::uint32_t total = ownResizeSliceBytes(perThread) * static_cast<std::uint32_t>(ownGetNumThreads());
+    // A size beyond the int range is refused, never reported wrapped.
+    std::uint32_t total;
+    if (!ownResizeBufSize(dstVoi.width, dstVoi.height, dstVoi.depth, interpolation, ownGetNumThreads(), &total))
+        return vekStatusBadSize;
     *pSize = static_cast<int>(total);
     return vekStatusOk;
 }

@@ -36,6 +36,7 @@
 
 #include "core/own.h"
 #include "volume/interp_weights.h"
+#include "volume/team.h"
 
 namespace vekr {
 
@@ -1037,7 +1038,7 @@ template <class RowFn>
 void ownForEachRow_MT(int numPlanes, int numRows, int numThreads, const RowFn& row) {
     const long long total = static_cast<long long>(numPlanes) * numRows;
     if (numThreads > 1) {
-#pragma omp parallel for num_threads(numThreads) schedule(static)
+#pragma omp parallel for num_threads(ownVolumeTeam(numThreads, total)) schedule(static)
         for (long long r = 0; r < total; ++r) row(static_cast<int>(r / numRows), static_cast<int>(r % numRows));
     } else {
         for (int z = 0; z < numPlanes; ++z)

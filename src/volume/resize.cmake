@@ -1,1 +1,1 @@
-vekr_component(resize volume/geometry.cpp volume/resize.cpp)
+vekr_component(resize volume/geometry.cpp volume/resize.cpp volume/team.h)

@@ -18,6 +18,7 @@
 #include "core/own.h"
 #include "volume/interp_weights.h"
 #include "volume/resize_geometry.h"
+#include "volume/team.h"
 
 namespace vekr {
 namespace {
@@ -504,14 +505,16 @@ inline unsigned char* ownAlignSlice(unsigned char* p) {
 template <class T, class SrcVol, class DstVol>
 void ownResizeSlabs_MT(const OwnResizeContext& c, const SrcVol& src, const DstVol& dst, unsigned char* buffer, bool vec,
                        int numThreads) {
-#pragma omp parallel num_threads(numThreads)
+#pragma omp parallel num_threads(ownVolumeTeam(numThreads, c.dstDepth))
     {
         const int team = omp_get_num_threads();
         const int me = omp_get_thread_num();
         const int q = c.dstDepth / team, r = c.dstDepth % team;
-        const std::uint32_t share = ownResizeSliceBytes(
+        // At most the slice the size query reserved per thread; the call's
+        // check made sure that all of them fit in the int range.
+        const std::size_t share = static_cast<std::size_t>(ownResizeSliceBytes(
             ownResizeBufPerThread(static_cast<std::uint32_t>(c.dstWidth), static_cast<std::uint32_t>(c.dstHeight),
-                                  static_cast<std::uint32_t>(q + (r > 0 ? 1 : 0)), 1u, c.interpolation));
+                                  static_cast<std::uint32_t>(q + (r > 0 ? 1 : 0)), 1u, c.interpolation)));
         const int zBeg = c.dstZ0 + me * q + (me < r ? me : r);
         const int zEnd = zBeg + q + (me < r ? 1 : 0);
         if (zEnd > zBeg)
@@ -545,15 +548,24 @@ inline void ownDstAxis(int s0, int srcExtent, int v0, int vExtent, double factor
 }
 
 // The checks shared by the six resize operations, in order; fills the context
-// when the resize has something to write (vekStatusOk).
+// when the resize has something to write (vekStatusOk). `threads` is the
+// number of buffer slices the operation may use (the thread count for the
+// parallel operation, else 1).
 VekStatus ownResizeCheck(const void* pSrc, const void* pDst, const void* pBuffer, VekrVolume vol, VekrCuboid srcVoi,
                          VekrCuboid dstVoi, double xFactor, double yFactor, double zFactor, double xShift,
-                         double yShift, double zShift, int interpolation, OwnResizeContext* c) {
+                         double yShift, double zShift, int interpolation, int threads, OwnResizeContext* c) {
     if (pSrc == nullptr || pDst == nullptr || pBuffer == nullptr) return vekStatusNullPtr;
     if (vol.width < 1 || vol.height < 1 || vol.depth < 1) return vekStatusBadSize;
     if (!ownCuboidValid(srcVoi) || !ownCuboidValid(dstVoi)) return vekStatusBadSize;
     if (!(xFactor > 0.0) || !(yFactor > 0.0) || !(zFactor > 0.0)) return vekStatusBadResizeFactor;
     if (!ownIsValidInterpolation(interpolation)) return vekStatusBadInterpolation;
+    // The buffer the size query reports for this destination region must fit
+    // in an int; otherwise the query refused it and no caller holds a buffer
+    // this call could work in (the kernels would carve past its end). The
+    // written region never exceeds dstVoi, so its slices fit in that size.
+    std::uint32_t bufBytes;
+    if (!ownResizeBufSize(dstVoi.width, dstVoi.height, dstVoi.depth, interpolation, threads, &bufBytes))
+        return vekStatusBadSize;
     if (vol.width <= srcVoi.x || vol.height <= srcVoi.y || vol.depth <= srcVoi.z) return vekStatusVoiOutsideSrc;
 
     // A source region running past the volume is cut back to it.
@@ -617,13 +629,13 @@ VekStatus ownResizeV(const T* pSrc, VekrVolume srcVolume, int srcStep, int srcPl
                      double xShift, double yShift, double zShift, int interpolation, unsigned char* pBuffer,
                      bool parallel) {
     OwnResizeContext c;
+    const int numThreads = parallel ? ownGetNumThreads() : 1;
     const VekStatus st = ownResizeCheck(pSrc, pDst, pBuffer, srcVolume, srcVoi, dstVoi, xFactor, yFactor, zFactor,
-                                        xShift, yShift, zShift, interpolation, &c);
+                                        xShift, yShift, zShift, interpolation, numThreads, &c);
     if (st != vekStatusOk) return st;
     const OwnVolumeV<const T> src{reinterpret_cast<const unsigned char*>(pSrc), srcStep, srcPlaneStep};
     const OwnVolumeV<T> dst{reinterpret_cast<const unsigned char*>(pDst), dstStep, dstPlaneStep};
     const bool vec = ownUseVectorV(c, src, dst);
-    const int numThreads = parallel ? ownGetNumThreads() : 1;
     if (numThreads > 1 && c.dstWidth >= 16 && c.dstHeight >= 16 && c.dstDepth >= 16)
         ownResizeSlabs_MT<T>(c, src, dst, pBuffer, vec, numThreads);
     else
@@ -637,7 +649,7 @@ VekStatus ownResizePV(const T* const* pSrc, VekrVolume srcVolume, int srcStep, V
                       double yShift, double zShift, int interpolation, unsigned char* pBuffer) {
     OwnResizeContext c;
     const VekStatus st = ownResizeCheck(pSrc, pDst, pBuffer, srcVolume, srcVoi, dstVoi, xFactor, yFactor, zFactor,
-                                        xShift, yShift, zShift, interpolation, &c);
+                                        xShift, yShift, zShift, interpolation, 1, &c);
     if (st != vekStatusOk) return st;
     const OwnVolumePV<const T> src{pSrc, srcStep};
     const OwnVolumePV<T> dst{pDst, dstStep};

@@ -1,6 +1,8 @@
 // Volume affine warp: every destination voxel of a box pulls its value from
 // the source through the inverse of a 3-D affine map.
+#include <climits>
 #include <cmath>
+#include <cstdint>
 
 #include "core/own.h"
 #include "volume/plane.h"
@@ -11,6 +13,14 @@ namespace {
 
 bool ownBadCuboid(const VekrCuboid& v) {
     return v.x < 0 || v.width < 1 || v.y < 0 || v.height < 1 || v.z < 0 || v.depth < 1;
+}
+
+// The destination box is written as it is given (it is not cut back to
+// anything), so its end x + width (and y, z alike) must be an int: a box
+// running past INT_MAX lies in no volume a caller can have.
+bool ownBoxEndOverflows(const VekrCuboid& v) {
+    return std::int64_t(v.x) + v.width > INT_MAX || std::int64_t(v.y) + v.height > INT_MAX ||
+           std::int64_t(v.z) + v.depth > INT_MAX;
 }
 
 // A relative 2 x 2 minor: (p - q) / p, or the raw product q when p is too
@@ -53,7 +63,7 @@ VekStatus ownWarpAffine(const T* const pSrc[], VekrVolume srcVolume, int srcStep
                         int dstStep, VekrCuboid dstVoi, const double coeffs[3][4], int interpolation) {
     if (!pSrc || !pDst) return vekStatusNullPtr;
     if (srcVolume.width < 1 || srcVolume.height < 1 || srcVolume.depth < 1) return vekStatusBadSize;
-    if (ownBadCuboid(srcVoi) || ownBadCuboid(dstVoi)) return vekStatusBadSize;
+    if (ownBadCuboid(srcVoi) || ownBadCuboid(dstVoi) || ownBoxEndOverflows(dstVoi)) return vekStatusBadSize;
     if (ownLooksSingular(coeffs)) return vekStatusSingularTransform;
     if (!ownIsValidInterpolation(interpolation)) return vekStatusBadInterpolation;
 
@@ -96,7 +106,8 @@ using vekr::ownWarpAffine;
 extern "C" OWN_SSE_ENTRY VekStatus vekrWarpAffineGetBufSize(VekrCuboid srcVoi, VekrCuboid dstVoi, int nChannel,
                                                             int interpolation, int* pSize) {
     if (!pSize) return vekStatusNullPtr;
-    if (vekr::ownBadCuboid(srcVoi) || vekr::ownBadCuboid(dstVoi)) return vekStatusBadSize;
+    if (vekr::ownBadCuboid(srcVoi) || vekr::ownBadCuboid(dstVoi) || vekr::ownBoxEndOverflows(dstVoi))
+        return vekStatusBadSize;
     if (nChannel != 1) return vekStatusBadNumChannels;
     if (!vekr::ownIsValidInterpolation(interpolation)) return vekStatusBadInterpolation;
     *pSize = 0;  // the warp works without a buffer

@@ -1,5 +1,6 @@
 vekr_add_test(test_core COMPONENTS core scene SOURCES
-  core/frame_test.cpp core/bound_box_test.cpp core/header_c99.c)
+  core/frame_test.cpp core/bound_box_test.cpp core/guard_page_test.cpp core/core_extremes_test.cpp
+  core/header_c99.c)
 # Entry points called from a stack off 16-byte alignment (i386).
 vekr_add_test(test_entry_stack COMPONENTS core scene raytrace shading sh resize remap filter SOURCES
   core/entry_stack_test.cpp)

@@ -1,4 +1,5 @@
 vekr_add_test(test_sh COMPONENTS core sh SOURCES sh/sh_test.cpp)
+vekr_add_test(test_sh_robust COMPONENTS core sh SOURCES sh/sh_robust_test.cpp)
 
 # The generated closed-form evaluators must match what the generator makes now.
 find_program(VEKR_SH_PYTHON3 NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH)
