@@ -6,6 +6,7 @@ pkgs=(cmake g++ gcc-multilib g++-multilib googletest libomp-dev glmark2-data
       python3-numpy python3-scipy libtinyobjloader-dev libstb-dev binutils file
       clang libclang-rt-14-dev libomp-14-dev lib32asan8 lib32ubsan1
       libassimp-dev libopenmpi-dev openmpi-bin)
+pkgs+=(pybind11-dev python3-pybind11 python3-pytest python3-dev)  # the Python module and its tests
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

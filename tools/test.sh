@@ -22,5 +22,7 @@ bash tools/sanitize.sh asan-i386 || status=1
 bash tools/sanitize.sh tsan || status=1
 echo "== fuzz: every harness for a minute"
 bash tools/fuzz.sh ci 60 || status=1
-[ $status -eq 0 ] && echo "all tests passed on i386, x86_64, asan, asan-i386, tsan and fuzz" || echo "tests FAILED"
+echo "== python"
+(unset ASAN_OPTIONS UBSAN_OPTIONS; bash tools/test_python.sh) || status=1
+[ $status -eq 0 ] && echo "all tests passed on i386, x86_64, asan, asan-i386, tsan, fuzz and python" || echo "tests FAILED"
 exit $status
