@@ -92,8 +92,6 @@ public:
         if (t.ndim() != 2 || (t.shape(1) != 3 && t.shape(1) != 4))
             throw py::value_error("Scene: triangles must have shape (T, 3) or (T, 4) (vertex indices first)");
         numVertices_ = toInt(v.shape(0), "Scene", "the vertex count");
-        for (py::ssize_t i = 0; i < v.size(); ++i)
-            if (!std::isfinite(v.data()[i])) throw py::value_error("Scene: vertex coordinates must be finite");
         numTriangles_ = toInt(t.shape(0), "Scene", "the triangle count");
         // The surface-area build seeds the scene box from vertex 0 whatever the
         // count, so an empty vertex array is replaced by one point at the origin.

@@ -212,8 +212,6 @@ py::array resize(const py::object& volume, const py::object& shape, const py::ob
         // The output holds the whole region scaled: its extent is the library's
         // rounding of extent * factor (vekrGetResizeCuboid of the region at 0).
         f = perAxis(zoom, "resize", "zoom");
-        for (double v : f)
-            if (std::isnan(v) || std::isinf(v)) throw py::value_error("resize: zoom factors must be finite");
         VekrCuboid c{};
         const VekrCuboid at0{0, 0, 0, srcVoi.width, srcVoi.height, srcVoi.depth};
         const int st = vekrGetResizeCuboid(at0, &c, f[2], f[1], f[0], 0, 0, 0, code);
@@ -298,10 +296,6 @@ py::array warpAffine(const py::object& volume, const py::object& matrix, const p
     auto m = asArray<double>(matrix);
     if (m.ndim() != 2 || m.shape(1) != 4 || (m.shape(0) != 3 && m.shape(0) != 4))
         throw py::value_error("warp_affine: matrix must be 3 x 4 or 4 x 4 (homogeneous, z, y, x order)");
-    // A non-finite coefficient would give not-a-number source points, which the
-    // nearest kernel's inside test does not reject.
-    for (py::ssize_t i = 0; i < m.size(); ++i)
-        if (!std::isfinite(m.data()[i])) throw py::value_error("warp_affine: matrix must be finite");
     // Rows and columns in z, y, x order become the library's x, y, z order.
     double c[3][4];
     auto mr = m.unchecked<2>();
@@ -364,15 +358,6 @@ py::array remap(const py::object& volume, const py::object& coordinates, const p
     auto coords = asArray<float>(coordinates);
     if (coords.ndim() < 2 || coords.ndim() > 4 || coords.shape(0) != 3)
         throw py::value_error("remap: coordinates must have shape (3, ...) with 1 to 3 trailing axes (z, y, x maps)");
-    // The nearest kernel (code 1, and every code on a source thinner than 2
-    // voxels) does not reject not-a-number coordinates and would read at the
-    // rounded NaN: such maps are refused here.
-    if (code == vekrInterNearest || std::min({sv.width, sv.height, sv.depth}) < 2) {
-        const float* c = coords.data();
-        for (py::ssize_t i = 0; i < coords.size(); ++i)
-            if (std::isnan(c[i]))
-                throw py::value_error("remap: NaN coordinates are not allowed with nearest sampling");
-    }
     std::vector<py::ssize_t> outShape(coords.shape() + 1, coords.shape() + coords.ndim());
     py::ssize_t dims[3] = {1, 1, 1};
     std::copy(outShape.begin(), outShape.end(), dims + (3 - outShape.size()));

@@ -150,8 +150,16 @@ def test_out_of_range_indices_are_rejected(tris, text):
     v = np.eye(3, dtype=np.float32)
     with pytest.raises(ValueError, match=text):
         vekr.Scene(v, tris)
-    with pytest.raises(ValueError, match="finite"):
-        vekr.Scene(np.array([[0, 0, np.nan], [1, 0, 0], [0, 1, 0]]), [[0, 1, 2]])
+
+
+def test_non_finite_vertices_build_and_answer():
+    """The library builds a tree over NaN and infinite vertices; rays through
+    such a scene end like any other and never report a hit on a triangle
+    with a NaN corner."""
+    v = np.array([[0, 0, np.nan], [1, 0, 0], [0, 1, 0], [np.inf, 0, 0], [2, 0, 0], [2, 1, 0]], np.float32)
+    s = vekr.Scene(v, [[0, 1, 2], [3, 4, 5]])
+    h = s.intersect([0.2, 0.2, 1.0], [[0, 0, -1], [1.5, -0.1, -1]])
+    assert h.triangle[0] == -1
 
 
 def test_nan_rays_are_answered_without_harm(mesh):
