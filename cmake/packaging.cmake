@@ -16,6 +16,8 @@ set(CPACK_COMPONENTS_ALL runtime dev tools)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+# Installed binaries are stripped, as Debian ships them.
+set(CPACK_STRIP_FILES ON)
 if(VEKR_TARGET_I386)
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
 else()
@@ -33,36 +35,35 @@ set(VEKR_DEB_VERSION "${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libvekr7)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "${VEKR_DEB_RUNTIME_DEPENDS}")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "realistic-rendering primitives (shared libraries)
- vekr is a library of realistic-rendering primitives with a C interface:
- KD-tree ray tracing of triangle scenes on ray packets, shading arithmetic
- with masks, spherical harmonics up to order 15, and resize, remap, affine
- warp and 3-D convolution of voxel volumes.
- .
- This package contains the shared libraries libvekr and libvekcore.")
+vekr is a library of realistic-rendering primitives with a C interface:
+KD-tree ray tracing of triangle scenes on ray packets, shading arithmetic
+with masks, spherical harmonics up to order 15, and resize, remap, affine
+warp and 3-D convolution of voxel volumes.
+
+This package contains the shared libraries libvekr and libvekcore.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libvekr-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libvekr7 (= ${VEKR_DEB_VERSION})")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "realistic-rendering primitives (development files)
- vekr is a library of realistic-rendering primitives with a C interface:
- KD-tree ray tracing of triangle scenes on ray packets, shading arithmetic
- with masks, spherical harmonics up to order 15, and resize, remap, affine
- warp and 3-D convolution of voxel volumes.
- .
- This package contains the C headers with the API reference (also as HTML),
- the CMake package (find_package(vekr)) and the pkg-config files.")
+vekr is a library of realistic-rendering primitives with a C interface:
+KD-tree ray tracing of triangle scenes on ray packets, shading arithmetic
+with masks, spherical harmonics up to order 15, and resize, remap, affine
+warp and 3-D convolution of voxel volumes.
+
+This package contains the C headers with the API reference (also as HTML),
+the CMake package (find_package(vekr)) and the pkg-config files.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vekr-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION graphics)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libvekr7 (= ${VEKR_DEB_VERSION}), ${VEKR_DEB_RUNTIME_DEPENDS}")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "realistic-rendering primitives (demo programs)
- vekr is a library of realistic-rendering primitives with a C interface.
- .
- This package contains vekr-render, a ray tracer of OBJ and STL meshes
- built on the library's public interface, and vekr-demo, which prints the
- library's version record and the scene box of a mesh.")
+vekr is a library of realistic-rendering primitives with a C interface.
+
+This package contains vekr-render, a ray tracer of OBJ and STL meshes
+built on the library's public interface, and vekr-demo, which prints the
+library's version record and the scene box of a mesh.")
 
 # CPack cannot write Multi-Arch, and it runs ldconfig from maintainer scripts
 # where Debian uses a trigger; packaging/deb_fixup.cmake rewrites the control
