@@ -163,11 +163,13 @@ grep -v 'root privileges' "$work/lintian.log" | sed 's/^/  /' || true
 
 echo "-- 4. packages installed side by side"
 export DEBIAN_FRONTEND=noninteractive
-for p in "libvekr$major:amd64" "libvekr$major:i386" libvekr-dev:amd64 libvekr-dev:i386 vekr-tools; do
-  if dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
-    fail "$p is already installed on this machine; remove it first"
-  fi
-done
+# Packages left by an interrupted earlier run are removed first.
+leftover=$(dpkg-query -W -f='${Package}:${Architecture} ${Status}\n' "libvekr$major" libvekr-dev vekr-tools 2>/dev/null \
+  | awk '$NF == "installed" {print $1}' || true)
+if [ -n "$leftover" ]; then
+  echo "sdk: removing packages of an earlier run: $(echo $leftover)"
+  dpkg --purge $leftover >/dev/null
+fi
 system_debs=()
 for d in "${debs[@]}"; do
   case $d in */vekr-tools_*_i386.deb) ;; *) system_debs+=("$d") ;; esac
