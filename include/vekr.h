@@ -79,14 +79,14 @@ extern "C" {
 /** @brief Result of every operation: 0 success, negative error, positive warning. */
 typedef enum VekStatus {
     vekStatusOk = 0,                 /**< success */
-    vekStatusNoOperation = 1,        /**< warning: nothing to do; the result is empty and nothing was written */
+    vekStatusNoOperation = 1,        /**< warning: nothing to do; the result is empty, nothing written */
     vekStatusDivByZero = 6,          /**< warning: a division by zero was handled (vekrDiv_32f_C1IM()) */
-    vekStatusVoiOutsideSrc = 40,     /**< warning: the source region starts outside the source volume; nothing written */
-    vekStatusBuildInconsistent = -2, /**< KD build: children got other triangle counts than the split search predicted */
+    vekStatusVoiOutsideSrc = 40,     /**< warning: source region starts outside the source; nothing written */
+    vekStatusBuildInconsistent = -2, /**< KD build: children got other counts than the split search predicted */
     vekStatusNoMemory = -4,          /**< an allocation failed, or the KD build's memory budget is too small */
     vekStatusBadAlgorithm = -5,      /**< unknown KD-tree build algorithm code */
     vekStatusBadSize = -6,           /**< a size or count is out of range (as a rule: below 1) */
-    vekStatusBadArgument = -7,       /**< an argument outside its accepted set (spherical-harmonics type, order, band) */
+    vekStatusBadArgument = -7,       /**< an argument outside its accepted set (SH type, order or band) */
     vekStatusNullPtr = -8,           /**< a required pointer is null */
     vekStatusBudgetExhausted = -9,   /**< the KD build used up its working-memory budget while subdividing */
     vekStatusOutOfRange = -11,       /**< a KD-tree build parameter is out of range */
@@ -326,9 +326,11 @@ VEKR_API VekStatus vekrTriangleAccelInit(VekrTriangleAccel* pAccel, const float*
  * @retval vekStatusBadSize            numVertices or numTriangles is negative
  * @retval vekStatusBadAlgorithm       an unknown algorithm code
  * @retval vekStatusOutOfRange         maxDepth outside 0..50, or for the surface-area
- *                                     build costBalance outside 0..1
- * @retval vekStatusNoMemory           a budget below 32 MiB or below the build's
- *                                     up-front need, or vekMalloc() failed
+ *                                     build costBalance below 0 or above 1 (NaN passes)
+ * @retval vekStatusNoMemory           surface-area build: a budget below 32 MiB
+ *                                     ((memoryLimitMB << 19) modulo 2^32 below 2^24) or
+ *                                     below the build's up-front need; either build:
+ *                                     vekMalloc() failed
  * @retval vekStatusBudgetExhausted    the surface-area build used up its budget
  * @retval vekStatusBuildInconsistent  a node's children got other triangle counts than
  *                                     its split search predicted
@@ -1200,9 +1202,14 @@ VEKR_API VekStatus vekrResize_32f_C1PV(const float* const pSrc[], VekrVolume src
  * in 2-D: pzMap is checked but not read, srcVoi's z and depth are not used,
  * and every destination plane is sampled from the one source plane with the
  * same rules restricted to x and y (the size lowering looks at width and
- * height only). There is no alignment-dependent path. Destinations larger
- * than 15 voxels in every axis are split by rows between ownGetNumThreads()
- * threads; the result does not depend on the thread count.
+ * height only).
+ *
+ * Vector path: dstVolume's width a multiple of 4, dstStep and mapStep
+ * multiples of 16, every destination plane and map plane 16-byte aligned, and
+ * a source region (cut back to the volume) wider than one voxel, with
+ * srcStep at most 32767 and its last column and row at most 32767.
+ * Destinations larger than 15 voxels in every axis are split by rows between
+ * ownGetNumThreads() threads; the result does not depend on the thread count.
  *
  * @param pSrc          source plane pointers
  * @param srcVolume     size of the source volume
@@ -1277,9 +1284,13 @@ VEKR_API VekStatus vekrWarpAffineGetBufSize(VekrCuboid srcVoi, VekrCuboid dstVoi
  * in 2-D by the in-plane map (c00 c01 c03; c10 c11 c13) into the rectangle
  * of dstVoi in each of its planes; srcVoi's z and depth are not used, and a
  * 2 x 2 determinant within 1e-10 of zero gives vekStatusSingularTransform.
- * There is no alignment-dependent path. Boxes larger than 15 voxels in every
- * axis are split by rows between ownGetNumThreads() threads; the result does
- * not depend on the thread count.
+ *
+ * Vector path: dstVoi's width a multiple of 4, dstStep a multiple of 16, the
+ * first voxel of the box in every destination plane 16-byte aligned, and a
+ * source region (cut back to the volume) wider than one voxel, with srcStep
+ * at most 32767 and its last column and row at most 32767. Boxes larger than 15 voxels in every axis are split by
+ * rows between ownGetNumThreads() threads; the result does not depend on the
+ * thread count.
  *
  * @param pSrc          source plane pointers
  * @param srcVolume     size of the source volume
@@ -1362,8 +1373,9 @@ VEKR_API VekStatus vekrFilterGetBufSize(VekrVolume dstVolume, VekrVolume kernelV
  * multiply-adds with a 32-bit sum (a sum beyond the int32 range wraps);
  * other kernels sum in double precision, which is exact while partial sums
  * stay below 2^53 (always, for kernels of fewer than 128 taps). Both give the
- * same result wherever S fits in 32 bits. There is no alignment-dependent
- * path. Volumes larger than 15 voxels in every axis are split among
+ * same result wherever S fits in 32 bits. The choice between the two depends
+ * on the coefficients only, not on alignment. Volumes larger than 15 voxels
+ * in every axis are split among
  * ownGetNumThreads() threads, each using its share of pBuffer; the result
  * does not depend on the thread count.
  *
