@@ -1,7 +1,11 @@
-/*
- * vekcore: the core services that vekr and its callers share: aligned
- * allocation and the process-wide thread count used by parallel operations.
- * Compiles as C99 and as C++.
+/* SPDX-License-Identifier: Apache-2.0 */
+/**
+ * @file vekcore.h
+ * @brief vekcore: the core services that vekr and its callers share.
+ *
+ * Aligned allocation and the process-wide thread count used by parallel
+ * operations. Link with `-lvekcore` (pkg-config module `vekcore`, CMake
+ * target `vekr::vekcore`). Compiles as C99 and as C++.
  */
 #ifndef VEKCORE_H
 #define VEKCORE_H
@@ -12,22 +16,45 @@
 extern "C" {
 #endif
 
-/* Allocates numBytes bytes aligned to at least 16 bytes. Returns null when
- * numBytes is below 1 or the memory is not available. */
+/**
+ * @brief Allocates memory aligned to at least 16 bytes.
+ * @param numBytes size in bytes
+ * @return The memory, or null when numBytes is below 1 or the memory is not
+ *         available. Release it with vekFree().
+ */
 VEKR_API void* vekMalloc(int numBytes);
 
-/* Releases memory from vekMalloc; a null pointer is ignored. */
+/**
+ * @brief Releases memory from vekMalloc().
+ * @param ptr the memory; a null pointer is ignored
+ */
 VEKR_API void vekFree(void* ptr);
 
-/* The thread count that parallel operations use (at least 1). */
+/**
+ * @brief The thread count that parallel operations use.
+ * @return The count set by vekSetNumThreads(), at least 1; by default the
+ *         number of processors available to the process.
+ */
 VEKR_API int ownGetNumThreads(void);
 
-/* Sets the thread count for parallel operations of every library that uses
- * vekcore. A count below 1 gives vekStatusBadSize and changes nothing. The
- * default is the number of processors available to the process. */
+/**
+ * @brief Sets the thread count for the parallel operations of every library
+ *        that uses vekcore.
+ *
+ * The setting is process-wide; operations read it when they start.
+ *
+ * @param numThreads the count, at least 1
+ * @retval vekStatusOk      the count is set
+ * @retval vekStatusBadSize numThreads is below 1; nothing changes
+ */
 VEKR_API VekStatus vekSetNumThreads(int numThreads);
 
-/* Reads the thread count; a null pointer gives vekStatusNullPtr. */
+/**
+ * @brief Reads the thread count.
+ * @param pNumThreads out: the count
+ * @retval vekStatusOk      *pNumThreads is written
+ * @retval vekStatusNullPtr pNumThreads is null
+ */
 VEKR_API VekStatus vekGetNumThreads(int* pNumThreads);
 
 #ifdef __cplusplus

@@ -8,6 +8,6 @@ set_source_files_properties(core/header_c99.c PROPERTIES COMPILE_OPTIONS "-std=c
 
 # The shared objects export exactly the declared entry points and nothing else.
 add_test(NAME exports_vekr
-  COMMAND ${PROJECT_SOURCE_DIR}/tools/check_exports.sh $<TARGET_FILE:vekr> ${PROJECT_SOURCE_DIR}/include/vekr.h vekr)
+  COMMAND ${PROJECT_SOURCE_DIR}/tools/check_exports.sh $<TARGET_FILE:vekr> ${PROJECT_SOURCE_DIR}/include/vekr.h vekr VEKR_7.0)
 add_test(NAME exports_vekcore
-  COMMAND ${PROJECT_SOURCE_DIR}/tools/check_exports.sh $<TARGET_FILE:vekcore> ${PROJECT_SOURCE_DIR}/include/vekcore.h "vek|ownGetNumThreads")
+  COMMAND ${PROJECT_SOURCE_DIR}/tools/check_exports.sh $<TARGET_FILE:vekcore> ${PROJECT_SOURCE_DIR}/include/vekcore.h "vek|ownGetNumThreads" VEKCORE_7.0)
