@@ -41,7 +41,11 @@ VEKR_API int ownGetNumThreads(void);
  * @brief Sets the thread count for the parallel operations of every library
  *        that uses vekcore.
  *
- * The setting is process-wide; operations read it when they start.
+ * The setting is process-wide; operations read it when they start. Any count
+ * from 1 to INT_MAX is accepted: a parallel region never starts more threads
+ * than it has rows, planes or triangle pairs to share, nor more than 256, and
+ * no result depends on the team size. Buffer-size queries that scale with the
+ * thread count use the count as set.
  *
  * @param numThreads the count, at least 1
  * @retval vekStatusOk      the count is set

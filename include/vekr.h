@@ -374,7 +374,9 @@ VEKR_API void vekrKDTreeFree(VekrKDTreeNode* pTree);
  * @param pContext   scene box, accelerator records and KD tree
  * @param width      rays per row
  * @param height     rows; below 1 returns at once
- * @retval vekStatusOk always
+ * @retval vekStatusOk always; a width or height below 1, or a block of more
+ *         than 2147483647 rays (width x height), processes no ray and reads
+ *         and writes nothing
  */
 VEKR_API VekStatus vekrIntersectEyeSO_32f(const float* pOrigin, const float* const pDirection[3], float* pDist,
                                           float* const pHit[2], int32_t* pTrngl,
@@ -399,7 +401,9 @@ VEKR_API VekStatus vekrIntersectEyeSO_32f(const float* pOrigin, const float* con
  * @param pContext   scene box, accelerator records and KD tree
  * @param width      rays per row
  * @param height     rows
- * @retval vekStatusOk always
+ * @retval vekStatusOk always; a width or height below 1, or a block of more
+ *         than 2147483647 rays (width x height), processes no ray and reads
+ *         and writes nothing
  */
 VEKR_API VekStatus vekrIntersectMO_32f(const float* const pOrigin[3], const float* const pDirection[3], float* pDist,
                                        float* const pHit[2], int32_t* pTrngl, const VekrIntersectContext* pContext,
@@ -413,7 +417,10 @@ VEKR_API VekStatus vekrIntersectMO_32f(const float* const pOrigin[3], const floa
  * pDist; deeper levels hold distances from pOrigin (cumulative), searched up
  * to the scene box's exit; a level without a hit after a found one gets
  * index -1 and distance FLT_MAX. All depth x width x height indices are first
- * set to -1. Level L ignores the triangle of level L - 1 and the first
+ * set to -1 whenever that product is at least 1 (the signs of the three sizes
+ * may cancel) and at most 2147483647; a larger product is no array size and
+ * nothing is read or written. Rays are searched only when width, height and
+ * depth are all at least 1. Level L ignores the triangle of level L - 1 and the first
  * (L mod 8) entries of an eight-entry hit list (entry L mod 8 takes level
  * L's triangle). Checks nothing.
  *
@@ -452,7 +459,9 @@ VEKR_API VekStatus vekrIntersectMultipleSO_32f(const float* pOrigin, const float
  * @param width      rays per row
  * @param height     rows
  * @param pContext   accelerator records and KD tree
- * @retval vekStatusOk always
+ * @retval vekStatusOk always; a width or height below 1, or a block of more
+ *         than 2147483647 rays (width x height), processes no ray and reads
+ *         and writes nothing
  */
 VEKR_API VekStatus vekrIntersectAnySO_32f(const float* pOrigin, const float* const pDirection[3], int32_t* pOccluder,
                                           int32_t* pMask, int width, int height, const VekrIntersectContext* pContext);
@@ -480,6 +489,8 @@ VEKR_API VekStatus vekrIntersectAnySO_32f(const float* pOrigin, const float* con
  * @param height      rows
  * @retval vekStatusOk      the directions are written
  * @retval vekStatusNullPtr pDir is null
+ * @retval vekStatusBadSize a block of more than 2147483647 rays (width x
+ *         height, both at least 1); nothing is written
  */
 VEKR_API VekStatus vekrCastEye_32f(const float pOrigin[3], const float pStepX[3], const float pStepY[3],
                                    int blockX, int blockY, int blockWidth, int blockHeight,
@@ -624,7 +635,9 @@ VEKR_API VekStatus vekrSurfSmoothNormal_32f(const float* pVertNorm, const int32_
  *
  * (p0 - p2) x (p1 - p2) normalised in double precision, rounded to float;
  * (0, 0, 0) when its squared length is below 2.220446049250313e-16. Runs on
- * ownGetNumThreads() threads. numTriangles below 1 does nothing.
+ * ownGetNumThreads() threads, but never more than one per pair of triangles
+ * nor more than 256 (the result does not depend on the team).
+ * numTriangles below 1 does nothing.
  *
  * @param pVertCoord   vertices: x, y, z floats at a 12-byte stride
  * @param pTriVert     four int32 per triangle, the first three vertex indices
@@ -632,6 +645,8 @@ VEKR_API VekStatus vekrSurfSmoothNormal_32f(const float* pVertNorm, const int32_
  * @param numTriangles number of triangles
  * @retval vekStatusOk      done
  * @retval vekStatusNullPtr pVertCoord, pTriVert or pTriNorm is null
+ * @retval vekStatusBadSize on 32-bit targets, numTriangles above 134217727
+ *         (a triangle array beyond 2 GiB); nothing is written
  */
 VEKR_API VekStatus vekrTriangleNormal_32f(const float* pVertCoord, const int32_t* pTriVert, float* pTriNorm,
                                           int numTriangles);
@@ -795,7 +810,9 @@ VEKR_API VekStatus vekrAddMulMul_32f_AC1P3IM(const float pColor[3], const float*
  * @retval vekStatusOk          *pSize is written
  * @retval vekStatusNullPtr     pSize is null
  * @retval vekStatusBadArgument an unknown type
- * @retval vekStatusBadSize     a direct-type order above 15
+ * @retval vekStatusBadSize     a direct-type order above 15, or a recurrence
+ *                              order whose size exceeds INT_MAX bytes (order
+ *                              23170 and above); *pSize is not written
  */
 VEKR_API VekStatus vekrSHGetSize_32f(uint32_t order, uint32_t type, int* pSize);
 
@@ -814,7 +831,9 @@ VEKR_API VekStatus vekrSHGetSize_32f(uint32_t order, uint32_t type, int* pSize);
  * @param type   vekrSHDirect or vekrSHRecurrence
  * @retval vekStatusOk          the state is ready
  * @retval vekStatusNullPtr     pState is null
- * @retval vekStatusBadSize     a direct-type order above 15
+ * @retval vekStatusBadSize     a direct-type order above 15, or a recurrence
+ *                              order whose size exceeds INT_MAX bytes (order
+ *                              23170 and above); nothing is written
  * @retval vekStatusBadArgument an unknown type
  */
 VEKR_API VekStatus vekrSHInit_32f(VekrSHState* pState, uint32_t order, uint32_t type);
@@ -1057,7 +1076,10 @@ VEKR_API VekStatus vekrGetResizeCuboid(VekrCuboid srcVoi, VekrCuboid* pDstVoi, d
  * @param pSize         out: the size in bytes
  * @retval vekStatusOk                *pSize is written
  * @retval vekStatusNullPtr           pSize is null
- * @retval vekStatusBadSize           a corner of srcVoi then dstVoi below 0, or an extent below 1
+ * @retval vekStatusBadSize           a corner of srcVoi then dstVoi below 0, or an extent below 1;
+ *                                   or, after the interpolation check, a size above INT_MAX
+ *                                   (a large destination region or thread count): the size is
+ *                                   never reported wrapped, and *pSize is not written
  * @retval vekStatusBadNumChannels    nChannel is not 1
  * @retval vekStatusBadInterpolation  an unsupported interpolation code
  */
@@ -1099,7 +1121,11 @@ VEKR_API VekStatus vekrResizeGetBufSize(VekrCuboid srcVoi, VekrCuboid dstVoi, in
  * @param pBuffer       work buffer of vekrResizeGetBufSize() bytes
  * @retval vekStatusOk                the destination region is written
  * @retval vekStatusNullPtr           pSrc, pDst or pBuffer is null
- * @retval vekStatusBadSize           a srcVolume size below 1, or srcVoi or dstVoi invalid
+ * @retval vekStatusBadSize           a srcVolume size below 1, or srcVoi or dstVoi invalid; or,
+ *                                   after the interpolation check, a dstVoi whose work buffer
+ *                                   (as vekrResizeGetBufSize() computes it: for the current
+ *                                   thread count with vekrResize_32f_C1V(), for one thread
+ *                                   otherwise) would exceed INT_MAX bytes
  * @retval vekStatusBadResizeFactor   a factor not above 0
  * @retval vekStatusBadInterpolation  an unsupported interpolation code
  * @retval vekStatusVoiOutsideSrc     srcVoi's corner lies outside the volume; nothing written
@@ -1154,7 +1180,11 @@ VEKR_API VekStatus vekrResize_32f_C1V(const float* pSrc, VekrVolume srcVolume, i
  * @param pBuffer       work buffer of vekrResizeGetBufSize() bytes
  * @retval vekStatusOk                the destination region is written
  * @retval vekStatusNullPtr           pSrc, pDst or pBuffer is null
- * @retval vekStatusBadSize           a srcVolume size below 1, or srcVoi or dstVoi invalid
+ * @retval vekStatusBadSize           a srcVolume size below 1, or srcVoi or dstVoi invalid; or,
+ *                                   after the interpolation check, a dstVoi whose work buffer
+ *                                   (as vekrResizeGetBufSize() computes it: for the current
+ *                                   thread count with vekrResize_32f_C1V(), for one thread
+ *                                   otherwise) would exceed INT_MAX bytes
  * @retval vekStatusBadResizeFactor   a factor not above 0
  * @retval vekStatusBadInterpolation  an unsupported interpolation code
  * @retval vekStatusVoiOutsideSrc     srcVoi's corner lies outside the volume; nothing written
@@ -1259,7 +1289,9 @@ VEKR_API VekStatus vekrRemap_32f_C1PV(const float* const pSrc[], VekrVolume srcV
  * @param pSize         out: 0
  * @retval vekStatusOk                *pSize is written
  * @retval vekStatusNullPtr           pSize is null
- * @retval vekStatusBadSize           srcVoi then dstVoi invalid (x, width, y, height, z, depth)
+ * @retval vekStatusBadSize           srcVoi then dstVoi invalid (x, width, y, height, z, depth),
+ *                                   or a dstVoi whose x + width, y + height or z + depth
+ *                                   exceeds INT_MAX
  * @retval vekStatusBadNumChannels    nChannel is not 1
  * @retval vekStatusBadInterpolation  an unsupported interpolation code
  */
@@ -1307,6 +1339,8 @@ VEKR_API VekStatus vekrWarpAffineGetBufSize(VekrCuboid srcVoi, VekrCuboid dstVoi
  * @retval vekStatusOk                 done
  * @retval vekStatusNullPtr            pSrc or pDst is null
  * @retval vekStatusBadSize            a srcVolume size below 1, or srcVoi or dstVoi invalid
+ *                                     (including a dstVoi whose x + width, y + height or
+ *                                     z + depth exceeds INT_MAX)
  * @retval vekStatusSingularTransform  a degenerate matrix (diagonal all within 1e-100 of
  *                                     zero, or the three relative minors of the lower rows all
  *                                     within 1e-10), checked before the interpolation code; or,
@@ -1344,7 +1378,10 @@ VEKR_API VekStatus vekrWarpAffine_32f_C1PV(const float* const pSrc[], VekrVolume
  * @param pSize        out: the size in bytes
  * @retval vekStatusOk             *pSize is written
  * @retval vekStatusNullPtr        pSize is null
- * @retval vekStatusBadSize        a dstVolume or kernelVolume size below 1
+ * @retval vekStatusBadSize        a dstVolume or kernelVolume size below 1; or, after the
+ *                                 channel check, a size above INT_MAX (destination width,
+ *                                 kernel size or thread count): the size is never reported
+ *                                 wrapped, and *pSize is not written
  * @retval vekStatusBadNumChannels nChannel is not 1
  */
 VEKR_API VekStatus vekrFilterGetBufSize(VekrVolume dstVolume, VekrVolume kernelVolume, int nChannel, int* pSize);
@@ -1394,7 +1431,8 @@ VEKR_API VekStatus vekrFilterGetBufSize(VekrVolume dstVolume, VekrVolume kernelV
  * @retval vekStatusOk      done
  * @retval vekStatusNullPtr pSrc, pDst or pKernel, then pBuffer is null
  * @retval vekStatusBadSize a dstVolume size below 1, then a kernelVolume size below 1,
- *                          then divisor 0
+ *                          then divisor 0; then a call whose work buffer would exceed
+ *                          INT_MAX bytes (nothing is written)
  */
 VEKR_API VekStatus vekrFilter_16s_C1PV(const int16_t* const* pSrc, int srcStep, int16_t* const* pDst, int dstStep,
                                        VekrVolume dstVolume, const int32_t* pKernel, VekrVolume kernelVolume,
