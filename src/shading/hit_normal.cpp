@@ -18,7 +18,7 @@ constexpr float kSmoothNormalLimit = 1.1920929e-7f;
 constexpr double kTriangleNormalLimit = 2.220446049250313e-16;
 
 // Where a hit point's origin comes from: one point for every ray...
-struct ownSingleOrigin {
+struct OwnSingleOrigin {
     float p[3];
     template <class IO>
     OWN_LANE typename IO::F at(IO, int, int c) const {
@@ -26,8 +26,8 @@ struct ownSingleOrigin {
     }
 };
 // ...or one point per ray (three planes).
-struct ownRayOrigins {
-    ownP3<const float> p;
+struct OwnRayOrigins {
+    OwnP3<const float> p;
     template <class IO>
     OWN_LANE typename IO::F at(IO, int i, int c) const {
         return IO::load(p.c[c] + i);
@@ -69,7 +69,7 @@ OWN_LANE void ownFlatNormal(IO, int i, const float* triNorm, const std::int32_t*
             return IO::template pick<allHit.value>(t, triNorm, offset, kZeroNormal);
         });
     };
-    if (IO::allHit(IO::loadI(triIndex + i)))
+    if (IO::allNonNegative(IO::loadI(triIndex + i)))
         gather(std::true_type{});
     else
         gather(std::false_type{});
@@ -107,7 +107,7 @@ OWN_LANE void ownSmoothNormal(IO, int i, const float* vertNorm, const std::int32
         IO::gather3(nC, [&](int k) OWN_KERNEL { return vertexOf(k, 2); });
     };
     const typename IO::I t = IO::loadI(triIndex + i);
-    if (IO::allHit(t))
+    if (IO::allNonNegative(t))
         gather(std::true_type{});
     else
         gather(std::false_type{});
@@ -238,7 +238,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrHitPoint3DEpsS0_32f_M(const float pOrigin
     if (count < 1) return vekStatusOk;
     const bool vector4 =
         ownIsMultipleOf4(count) && ownAllAligned16(pDist, pMask, pDir[0], pDir[1], pDir[2], pHit[0], pHit[1], pHit[2]);
-    ownHitPoints(ownSingleOrigin{{pOrigin[0], pOrigin[1], pOrigin[2]}}, pDir, pDist, pMask, pHit, count, eps, vector4);
+    ownHitPoints(OwnSingleOrigin{{pOrigin[0], pOrigin[1], pOrigin[2]}}, pDir, pDist, pMask, pHit, count, eps, vector4);
     return vekStatusOk;
 }
 
@@ -251,7 +251,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrHitPoint3DEpsM0_32f_M(const float* const 
     const bool vector4 =
         ownIsMultipleOf4(count) && ownAllAligned16(pDist, pMask, pDir[0], pDir[1], pDir[2], pHit[0], pHit[1], pHit[2],
                                                    pOrigin[0], pOrigin[1], pOrigin[2]);
-    ownHitPoints(ownRayOrigins{ownPlanes(pOrigin)}, pDir, pDist, pMask, pHit, count, eps, vector4);
+    ownHitPoints(OwnRayOrigins{ownPlanes(pOrigin)}, pDir, pDist, pMask, pHit, count, eps, vector4);
     return vekStatusOk;
 }
 

@@ -1,0 +1,299 @@
+// The lane vocabulary every kernel of the library is written in: one element
+// (a plain float, double, int32 or bool) or four elements in SSE registers
+// (OwnF4, OwnD4, OwnI4 and the mask OwnM4) behind the same operators and free
+// functions, plus the access policies OwnLane1 and OwnLane4 that load and
+// store them. A kernel written once over these types evaluates the same
+// operations in the same order on both paths, so their results are
+// bit-identical. The four-wide operations stop at SSSE3 (the library's
+// instruction-set ceiling); none of them is an approximation.
+#ifndef VEKR_CORE_LANES_H
+#define VEKR_CORE_LANES_H
+
+#include <emmintrin.h>
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+
+#include "core/own.h"
+
+// The lane helpers must be inlined: on i386 a float returned from a real call
+// travels through the x87 stack, which would quieten a signalling NaN that the
+// kernels are meant to copy unchanged, and an __m128 passed by value to a
+// call that is not inlined goes through memory.
+#define OWN_LANE inline __attribute__((always_inline))
+// The same for kernel lambdas that loop helpers call: a kernel left out of
+// line would be called once per packet, its constants rebuilt and its
+// pointers reloaded every time.
+#define OWN_KERNEL __attribute__((always_inline))
+
+namespace vekr {
+
+// ---------------------------------------------------------------------------
+// One-wide lane: plain float, double, bool and int32 with the helpers that
+// the four-wide types have as well.
+// ---------------------------------------------------------------------------
+
+OWN_LANE float ownSelect(bool m, float a, float b) { return m ? a : b; }
+OWN_LANE std::int32_t ownSelect(bool m, std::int32_t a, std::int32_t b) { return m ? a : b; }
+OWN_LANE bool ownAnd(bool a, bool b) { return a && b; }
+OWN_LANE bool ownOr(bool a, bool b) { return a || b; }
+OWN_LANE bool ownAndNot(bool a, bool b) { return a && !b; }  // a and not b
+OWN_LANE bool ownNot(bool a) { return !a; }
+OWN_LANE bool ownAny(bool a) { return a; }
+OWN_LANE float ownNegateWhere(bool m, float x) { return m ? -x : x; }
+OWN_LANE float ownSqrt(float x) { return std::sqrt(x); }
+OWN_LANE float ownAbs(float x) { return std::fabs(x); }
+// min and max with the comparison order of SSE minps/maxps, so that a NaN
+// operand gives the second operand in both paths.
+OWN_LANE float ownMin(float a, float b) { return a < b ? a : b; }
+OWN_LANE float ownMax(float a, float b) { return a > b ? a : b; }
+OWN_LANE bool ownNonNegative(std::int32_t x) { return x >= 0; }
+
+// ---------------------------------------------------------------------------
+// Four-wide types.
+// ---------------------------------------------------------------------------
+
+// Four floats in one SSE register.
+struct OwnF4 {
+    __m128 v;
+    OwnF4() = default;
+    OWN_LANE explicit OwnF4(__m128 x) : v(x) {}
+    OWN_LANE explicit OwnF4(float x) : v(_mm_set1_ps(x)) {}
+};
+// A lane mask: all bits set where the condition holds, clear elsewhere.
+struct OwnM4 {
+    __m128 v;
+    OwnM4() = default;
+    OWN_LANE explicit OwnM4(__m128 x) : v(x) {}
+    // Every lane set (true) or clear (false).
+    OWN_LANE explicit OwnM4(bool all) : v(_mm_castsi128_ps(_mm_set1_epi32(all ? -1 : 0))) {}
+};
+// Four int32 in one SSE register.
+struct OwnI4 {
+    __m128i v;
+    OwnI4() = default;
+    OWN_LANE explicit OwnI4(__m128i x) : v(x) {}
+    OWN_LANE explicit OwnI4(std::int32_t x) : v(_mm_set1_epi32(x)) {}
+};
+// Four doubles in two SSE2 registers (lanes 0-1 and 2-3).
+struct OwnD4 {
+    __m128d lo, hi;
+    OwnD4() = default;
+    OWN_LANE explicit OwnD4(double x) : lo(_mm_set1_pd(x)), hi(_mm_set1_pd(x)) {}
+    OWN_LANE OwnD4(__m128d l, __m128d h) : lo(l), hi(h) {}
+};
+
+// Float arithmetic, one IEEE operation per lane (divps and sqrtps are
+// correctly rounded like their scalar forms).
+OWN_LANE OwnF4 operator+(OwnF4 a, OwnF4 b) { return OwnF4(_mm_add_ps(a.v, b.v)); }
+OWN_LANE OwnF4 operator-(OwnF4 a, OwnF4 b) { return OwnF4(_mm_sub_ps(a.v, b.v)); }
+OWN_LANE OwnF4 operator*(OwnF4 a, OwnF4 b) { return OwnF4(_mm_mul_ps(a.v, b.v)); }
+OWN_LANE OwnF4 operator/(OwnF4 a, OwnF4 b) { return OwnF4(_mm_div_ps(a.v, b.v)); }
+OWN_LANE OwnF4 ownSqrt(OwnF4 x) { return OwnF4(_mm_sqrt_ps(x.v)); }
+OWN_LANE OwnF4 ownMin(OwnF4 a, OwnF4 b) { return OwnF4(_mm_min_ps(a.v, b.v)); }  // a < b ? a : b per lane
+OWN_LANE OwnF4 ownMax(OwnF4 a, OwnF4 b) { return OwnF4(_mm_max_ps(a.v, b.v)); }  // a > b ? a : b per lane
+// Clears the sign bit, as fabs does.
+OWN_LANE OwnF4 ownAbs(OwnF4 x) { return OwnF4(_mm_andnot_ps(_mm_set1_ps(-0.0f), x.v)); }
+// -x where the mask holds, x elsewhere: a sign flip (two instructions instead
+// of the four of a select between two constants).
+OWN_LANE OwnF4 ownNegateWhere(OwnM4 m, OwnF4 x) { return OwnF4(_mm_xor_ps(x.v, _mm_and_ps(m.v, _mm_set1_ps(-0.0f)))); }
+
+// Ordered comparisons, false for NaN as in scalar code.
+OWN_LANE OwnM4 operator<(OwnF4 a, OwnF4 b) { return OwnM4(_mm_cmplt_ps(a.v, b.v)); }
+OWN_LANE OwnM4 operator>(OwnF4 a, OwnF4 b) { return OwnM4(_mm_cmpgt_ps(a.v, b.v)); }
+OWN_LANE OwnM4 operator<=(OwnF4 a, OwnF4 b) { return OwnM4(_mm_cmple_ps(a.v, b.v)); }
+OWN_LANE OwnM4 operator>=(OwnF4 a, OwnF4 b) { return OwnM4(_mm_cmpge_ps(a.v, b.v)); }
+OWN_LANE OwnM4 operator==(OwnF4 a, OwnF4 b) { return OwnM4(_mm_cmpeq_ps(a.v, b.v)); }
+OWN_LANE OwnM4 operator==(OwnI4 a, OwnI4 b) { return OwnM4(_mm_castsi128_ps(_mm_cmpeq_epi32(a.v, b.v))); }
+OWN_LANE OwnM4 ownNonNegative(OwnI4 x) { return OwnM4(_mm_castsi128_ps(_mm_cmpgt_epi32(x.v, _mm_set1_epi32(-1)))); }
+
+// Mask logic.
+OWN_LANE OwnM4 ownAnd(OwnM4 a, OwnM4 b) { return OwnM4(_mm_and_ps(a.v, b.v)); }
+OWN_LANE OwnM4 ownOr(OwnM4 a, OwnM4 b) { return OwnM4(_mm_or_ps(a.v, b.v)); }
+OWN_LANE OwnM4 ownAndNot(OwnM4 a, OwnM4 b) { return OwnM4(_mm_andnot_ps(b.v, a.v)); }  // a and not b
+OWN_LANE OwnM4 ownNot(OwnM4 a) { return OwnM4(_mm_xor_ps(a.v, _mm_castsi128_ps(_mm_set1_epi32(-1)))); }
+// Bit l set where lane l of the mask holds.
+OWN_LANE int ownMoveMask(OwnM4 a) { return _mm_movemask_ps(a.v); }
+// Bit l set where lane l is negative (its sign bit).
+OWN_LANE int ownSignMask(OwnI4 a) { return _mm_movemask_ps(_mm_castsi128_ps(a.v)); }
+// True when the mask holds in any lane.
+OWN_LANE bool ownAny(OwnM4 a) { return _mm_movemask_ps(a.v) != 0; }
+
+// Lane-bit masks (bit l of the index set: lane l all ones), the inverse of
+// ownMoveMask.
+alignas(16) static const std::uint32_t kOwnLaneMaskBits[16][4] = {
+    {0, 0, 0, 0},  {~0u, 0, 0, 0},  {0, ~0u, 0, 0},  {~0u, ~0u, 0, 0},
+    {0, 0, ~0u, 0},  {~0u, 0, ~0u, 0},  {0, ~0u, ~0u, 0},  {~0u, ~0u, ~0u, 0},
+    {0, 0, 0, ~0u},  {~0u, 0, 0, ~0u},  {0, ~0u, 0, ~0u},  {~0u, ~0u, 0, ~0u},
+    {0, 0, ~0u, ~0u},  {~0u, 0, ~0u, ~0u},  {0, ~0u, ~0u, ~0u},  {~0u, ~0u, ~0u, ~0u}};
+OWN_LANE OwnM4 ownLaneMask(int bits) {
+    return OwnM4(_mm_load_ps(reinterpret_cast<const float*>(kOwnLaneMaskBits[bits])));
+}
+
+// Bitwise choice, so the chosen value keeps its exact bits (signed zeros, NaN
+// payloads).
+OWN_LANE OwnF4 ownSelect(OwnM4 m, OwnF4 a, OwnF4 b) {
+    return OwnF4(_mm_or_ps(_mm_and_ps(m.v, a.v), _mm_andnot_ps(m.v, b.v)));
+}
+OWN_LANE OwnI4 ownSelect(OwnM4 m, OwnI4 a, OwnI4 b) {
+    const __m128i mi = _mm_castps_si128(m.v);
+    return OwnI4(_mm_or_si128(_mm_and_si128(mi, a.v), _mm_andnot_si128(mi, b.v)));
+}
+
+// Double arithmetic, one IEEE operation per lane.
+OWN_LANE OwnD4 operator+(OwnD4 a, OwnD4 b) { return {_mm_add_pd(a.lo, b.lo), _mm_add_pd(a.hi, b.hi)}; }
+OWN_LANE OwnD4 operator-(OwnD4 a, OwnD4 b) { return {_mm_sub_pd(a.lo, b.lo), _mm_sub_pd(a.hi, b.hi)}; }
+OWN_LANE OwnD4 operator*(OwnD4 a, OwnD4 b) { return {_mm_mul_pd(a.lo, b.lo), _mm_mul_pd(a.hi, b.hi)}; }
+// Float to double and back, each lane exactly (widening) or rounded once to
+// nearest (narrowing), as static_cast does.
+OWN_LANE OwnD4 ownWiden(OwnF4 f) { return {_mm_cvtps_pd(f.v), _mm_cvtps_pd(_mm_movehl_ps(f.v, f.v))}; }
+OWN_LANE OwnF4 ownNarrow(OwnD4 d) { return OwnF4(_mm_movelh_ps(_mm_cvtpd_ps(d.lo), _mm_cvtpd_ps(d.hi))); }
+
+// Loads and stores of four floats or int32: unaligned (U) wherever alignment
+// is not proven, aligned (A) where it is, and streaming past the caches.
+OWN_LANE OwnF4 ownLoadU(const float* p) { return OwnF4(_mm_loadu_ps(p)); }
+OWN_LANE OwnF4 ownLoadA(const float* p) { return OwnF4(_mm_load_ps(p)); }
+OWN_LANE void ownStoreU(float* p, OwnF4 x) { _mm_storeu_ps(p, x.v); }
+OWN_LANE void ownStoreA(float* p, OwnF4 x) { _mm_store_ps(p, x.v); }
+OWN_LANE void ownStream(float* p, OwnF4 x) { _mm_stream_ps(p, x.v); }
+OWN_LANE OwnI4 ownLoadU(const std::int32_t* p) { return OwnI4(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))); }
+OWN_LANE OwnI4 ownLoadA(const std::int32_t* p) { return OwnI4(_mm_load_si128(reinterpret_cast<const __m128i*>(p))); }
+OWN_LANE void ownStoreU(std::int32_t* p, OwnI4 x) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), x.v); }
+OWN_LANE void ownStoreA(std::int32_t* p, OwnI4 x) { _mm_store_si128(reinterpret_cast<__m128i*>(p), x.v); }
+OWN_LANE void ownStream(std::int32_t* p, OwnI4 x) { _mm_stream_si128(reinterpret_cast<__m128i*>(p), x.v); }
+// Orders streamed stores before anything that follows.
+OWN_LANE void ownStreamFence() { _mm_sfence(); }
+
+// Transposes four rows of four floats (rows in, columns out).
+OWN_LANE void ownTranspose(OwnF4& r0, OwnF4& r1, OwnF4& r2, OwnF4& r3) { _MM_TRANSPOSE4_PS(r0.v, r1.v, r2.v, r3.v); }
+
+// ---------------------------------------------------------------------------
+// Access policies. A kernel is written as `template <class IO> void k(IO, i)`
+// and handles IO::kWidth elements starting at element i; IO::F, IO::M and
+// IO::I are its float, mask and integer lanes. load/store follow the
+// policy's alignment; loadA/storeA are for the one array an
+// alignment-peeling loop has brought to a 16-byte boundary.
+// ---------------------------------------------------------------------------
+
+struct OwnLane1 {
+    using F = float;
+    using M = bool;
+    using I = std::int32_t;
+    static constexpr int kWidth = 1;
+    static OWN_LANE F load(const float* p) { return *p; }
+    static OWN_LANE F loadA(const float* p) { return *p; }
+    static OWN_LANE void store(float* p, F x) { *p = x; }
+    static OWN_LANE void storeA(float* p, F x) { *p = x; }
+    static OWN_LANE I loadI(const std::int32_t* p) { return *p; }
+    static OWN_LANE void storeI(std::int32_t* p, I x) { *p = x; }
+    // The element is written only where the mask holds (a masked element is
+    // left untouched, not rewritten).
+    static OWN_LANE void storeWhere(float* p, M m, F x, F) {
+        if (m) *p = x;
+    }
+    static OWN_LANE M nonNegative(I x) { return ownNonNegative(x); }
+    // float(i), the position of the element in its row.
+    static OWN_LANE F index(int i) { return static_cast<float>(i); }
+    // True when no lane is negative.
+    static OWN_LANE bool allNonNegative(I t) { return t >= 0; }
+    // The address base + offset for t >= 0, else none. kAllNonNegative says
+    // that allNonNegative() held for the element's packet.
+    template <bool kAllNonNegative, class T>
+    static OWN_LANE T* pick(std::int32_t t, T* base, std::ptrdiff_t offset, T* none) {
+        return kAllNonNegative || t >= 0 ? base + offset : none;
+    }
+    // Three lanes (x, y, z) gathered from per-lane addresses g(k) of three
+    // consecutive floats, k = 0 .. kWidth-1. The values are moved, not
+    // computed with, so every bit pattern arrives unchanged.
+    template <class G>
+    static OWN_LANE void gather3(F out[3], G g) {
+        const float* p = g(0);
+        out[0] = p[0];
+        out[1] = p[1];
+        out[2] = p[2];
+    }
+};
+
+template <bool kAligned = false, bool kStream = false>
+struct OwnLane4 {
+    using F = OwnF4;
+    using M = OwnM4;
+    using I = OwnI4;
+    static constexpr int kWidth = 4;
+    static OWN_LANE F load(const float* p) { return kAligned ? ownLoadA(p) : ownLoadU(p); }
+    static OWN_LANE F loadA(const float* p) { return ownLoadA(p); }
+    static OWN_LANE void store(float* p, F x) {
+        if (kStream)
+            ownStream(p, x);
+        else if (kAligned)
+            ownStoreA(p, x);
+        else
+            ownStoreU(p, x);
+    }
+    static OWN_LANE void storeA(float* p, F x) { ownStoreA(p, x); }
+    static OWN_LANE I loadI(const std::int32_t* p) { return kAligned ? ownLoadA(p) : ownLoadU(p); }
+    static OWN_LANE void storeI(std::int32_t* p, I x) {
+        if (kStream)
+            ownStream(p, x);
+        else if (kAligned)
+            ownStoreA(p, x);
+        else
+            ownStoreU(p, x);
+    }
+    // Four lanes are stored together; masked lanes get their old bits back.
+    static OWN_LANE void storeWhere(float* p, M m, F x, F old) { store(p, ownSelect(m, x, old)); }
+    static OWN_LANE M nonNegative(I x) { return ownNonNegative(x); }
+    static OWN_LANE F index(int i) {
+        return OwnF4(_mm_cvtepi32_ps(_mm_add_epi32(_mm_set1_epi32(i), _mm_setr_epi32(0, 1, 2, 3))));
+    }
+    // True when no lane is negative (no sign bit set among the four).
+    static OWN_LANE bool allNonNegative(I t) { return ownSignMask(t) == 0; }
+    // The address base + offset for t >= 0, else none. A packet whose lanes
+    // are all non-negative (kAllNonNegative; the common case where negative
+    // values come in runs) forms its addresses directly. Otherwise each lane
+    // chooses by a conditional move rather than a branch on its t, which
+    // would be mispredicted wherever the signs mix. (The asm is the point
+    // here: it keeps the compiler from turning the choice back into a
+    // branch, which it would do knowing that `none` holds zeros.) The address
+    // of a negative lane is formed as an integer, never as an out-of-range
+    // pointer, and is not read.
+    template <bool kAllNonNegative, class T>
+    static OWN_LANE T* pick(std::int32_t t, T* base, std::ptrdiff_t offset, T* none) {
+        if (kAllNonNegative) return base + offset;
+        std::uintptr_t p = reinterpret_cast<std::uintptr_t>(base) + static_cast<std::uintptr_t>(offset) * sizeof(T);
+        const std::uintptr_t z = reinterpret_cast<std::uintptr_t>(none);
+        __asm__("test %2, %2\n\tcmovs %1, %0" : "+r"(p) : "r"(z), "r"(t) : "cc");
+        return reinterpret_cast<T*>(p);
+    }
+    // Each lane's (x, y) is read with one 8-byte load and its z with a 4-byte
+    // load (never past the third float), straight into SSE registers, and
+    // interleaved into x, y and z lanes with seven shuffles.
+    template <class G>
+    static OWN_LANE void gather3(F out[3], G g) {
+        __m128 xy[4], z[4];
+        ownLoadRow(g(0), xy[0], z[0]);
+        ownLoadRow(g(1), xy[1], z[1]);
+        ownLoadRow(g(2), xy[2], z[2]);
+        ownLoadRow(g(3), xy[3], z[3]);
+        const __m128 xy01 = _mm_unpacklo_ps(xy[0], xy[1]);  // x0 x1 y0 y1
+        const __m128 xy23 = _mm_unpacklo_ps(xy[2], xy[3]);  // x2 x3 y2 y3
+        const __m128 z01 = _mm_unpacklo_ps(z[0], z[1]);
+        const __m128 z23 = _mm_unpacklo_ps(z[2], z[3]);
+        out[0] = OwnF4(_mm_movelh_ps(xy01, xy23));
+        out[1] = OwnF4(_mm_movehl_ps(xy23, xy01));
+        out[2] = OwnF4(_mm_movelh_ps(z01, z23));
+    }
+
+private:
+    // One lane's row: x and y with movq (an 8-byte load with no alignment
+    // requirement), z with movss.
+    static OWN_LANE void ownLoadRow(const float* p, __m128& xy, __m128& z) {
+        xy = _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+        z = _mm_load_ss(p + 2);
+    }
+};
+
+}  // namespace vekr
+
+#endif  // VEKR_CORE_LANES_H
