@@ -173,6 +173,11 @@ OWN_LANE void ownEdgesPD(const float* vert, const std::int32_t* tri, __m128d& e0
 // register: the same double operations in the same order as
 // ownTriangleNormal, so the same bits, with half the square roots and
 // divisions issued.
+// This kernel stays in raw SSE2 intrinsics: it is not a lane kernel (two
+// triangles in the two halves of a double register, not four rays), and its
+// point is the instruction sequence itself, movq/movss vertex loads and the
+// interleave of the two results into six consecutive floats with one
+// unaligned and one 8-byte store.
 OWN_LANE void ownTriangleNormalPair(const float* vert, const std::int32_t* tri, float* out) {
     __m128d a0xy, a0z, a1xy, a1z, b0xy, b0z, b1xy, b1z;
     ownEdgesPD(vert, tri, a0xy, a0z, a1xy, a1z);
