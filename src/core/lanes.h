@@ -169,6 +169,68 @@ OWN_LANE void ownStreamFence() { _mm_sfence(); }
 OWN_LANE void ownTranspose(OwnF4& r0, OwnF4& r1, OwnF4& r2, OwnF4& r3) { _MM_TRANSPOSE4_PS(r0.v, r1.v, r2.v, r3.v); }
 
 // ---------------------------------------------------------------------------
+// Integer lanes: int32 arithmetic and conversions, eight int16 lanes with the
+// pair multiply-add of the packed convolution.
+// ---------------------------------------------------------------------------
+
+// Eight int16 in one SSE register.
+struct OwnW8 {
+    __m128i v;
+    OwnW8() = default;
+    OWN_LANE explicit OwnW8(__m128i x) : v(x) {}
+};
+// The block (first, second) repeated four times, the coefficient pair of a
+// pair multiply-add.
+OWN_LANE OwnW8 ownPairs16(std::int16_t first, std::int16_t second) {
+    return OwnW8(_mm_set_epi16(second, first, second, first, second, first, second, first));
+}
+// Each pair (a, b) moved to (0, a): the second value of the pair takes the
+// first's place.
+OWN_LANE OwnW8 ownPairShiftUp(OwnW8 x) { return OwnW8(_mm_slli_epi32(x.v, 16)); }
+// a0 b0 + a1 b1, a2 b2 + a3 b3, ... as four int32 (pmaddwd; a pair sum of
+// two -32768 * -32768 products wraps).
+OWN_LANE OwnI4 ownMulAddPairs(OwnW8 a, OwnW8 b) { return OwnI4(_mm_madd_epi16(a.v, b.v)); }
+// Eight int32 to int16 with signed saturation (a, then b).
+OWN_LANE OwnW8 ownPackSat(OwnI4 a, OwnI4 b) { return OwnW8(_mm_packs_epi32(a.v, b.v)); }
+OWN_LANE OwnW8 ownLoadU(const std::int16_t* p) { return OwnW8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p))); }
+OWN_LANE void ownStoreU(std::int16_t* p, OwnW8 x) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), x.v); }
+// Four int16 sign-extended to int32 (an 8-byte load).
+OWN_LANE OwnI4 ownLoadWiden4(const std::int16_t* p) {
+    const __m128i v = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+    return OwnI4(_mm_srai_epi32(_mm_unpacklo_epi16(v, v), 16));
+}
+
+// int32 arithmetic, wrapping like unsigned arithmetic.
+OWN_LANE OwnI4 operator+(OwnI4 a, OwnI4 b) { return OwnI4(_mm_add_epi32(a.v, b.v)); }
+OWN_LANE OwnI4 operator-(OwnI4 a, OwnI4 b) { return OwnI4(_mm_sub_epi32(a.v, b.v)); }
+// Lanes (a0, b0, a1, b1) and (a2, b2, a3, b3).
+OWN_LANE OwnI4 ownInterleaveLo(OwnI4 a, OwnI4 b) { return OwnI4(_mm_unpacklo_epi32(a.v, b.v)); }
+OWN_LANE OwnI4 ownInterleaveHi(OwnI4 a, OwnI4 b) { return OwnI4(_mm_unpackhi_epi32(a.v, b.v)); }
+// int32 to float, rounded to nearest like the scalar conversion.
+OWN_LANE OwnF4 ownToFloat(OwnI4 x) { return OwnF4(_mm_cvtepi32_ps(x.v)); }
+// Float to int32 rounded in the current mode (ties to even by default), as
+// nearbyint does, and truncated toward zero, as a cast does; out of range
+// and NaN give 0x80000000.
+OWN_LANE OwnI4 ownRoundToInt(OwnF4 x) { return OwnI4(_mm_cvtps_epi32(x.v)); }
+OWN_LANE OwnI4 ownTruncToInt(OwnF4 x) { return OwnI4(_mm_cvttps_epi32(x.v)); }
+
+// ---------------------------------------------------------------------------
+// Two doubles in one SSE2 register: storage of double pairs and the halves
+// of OwnD4.
+// ---------------------------------------------------------------------------
+
+struct OwnD2 {
+    __m128d v;
+    OwnD2() = default;
+    OWN_LANE explicit OwnD2(__m128d x) : v(x) {}
+    OWN_LANE explicit OwnD2(double x) : v(_mm_set1_pd(x)) {}
+};
+// The same pair in both halves of four lanes.
+OWN_LANE OwnD4 ownBroadcast(OwnD2 pair) { return {pair.v, pair.v}; }
+// int32 to double, exactly.
+OWN_LANE OwnD4 ownToDouble(OwnI4 x) { return {_mm_cvtepi32_pd(x.v), _mm_cvtepi32_pd(_mm_shuffle_epi32(x.v, 0xEE))}; }
+
+// ---------------------------------------------------------------------------
 // Access policies. A kernel is written as `template <class IO> void k(IO, i)`
 // and handles IO::kWidth elements starting at element i; IO::F, IO::M and
 // IO::I are its float, mask and integer lanes. load/store follow the
@@ -223,24 +285,10 @@ struct OwnLane4 {
     static constexpr int kWidth = 4;
     static OWN_LANE F load(const float* p) { return kAligned ? ownLoadA(p) : ownLoadU(p); }
     static OWN_LANE F loadA(const float* p) { return ownLoadA(p); }
-    static OWN_LANE void store(float* p, F x) {
-        if (kStream)
-            ownStream(p, x);
-        else if (kAligned)
-            ownStoreA(p, x);
-        else
-            ownStoreU(p, x);
-    }
+    static OWN_LANE void store(float* p, F x) { ownPut(p, x); }
     static OWN_LANE void storeA(float* p, F x) { ownStoreA(p, x); }
     static OWN_LANE I loadI(const std::int32_t* p) { return kAligned ? ownLoadA(p) : ownLoadU(p); }
-    static OWN_LANE void storeI(std::int32_t* p, I x) {
-        if (kStream)
-            ownStream(p, x);
-        else if (kAligned)
-            ownStoreA(p, x);
-        else
-            ownStoreU(p, x);
-    }
+    static OWN_LANE void storeI(std::int32_t* p, I x) { ownPut(p, x); }
     // Four lanes are stored together; masked lanes get their old bits back.
     static OWN_LANE void storeWhere(float* p, M m, F x, F old) { store(p, ownSelect(m, x, old)); }
     static OWN_LANE M nonNegative(I x) { return ownNonNegative(x); }
@@ -286,6 +334,16 @@ struct OwnLane4 {
     }
 
 private:
+    // A store in the policy's manner: streaming, aligned or unaligned.
+    template <class T, class V>
+    static OWN_LANE void ownPut(T* p, V x) {
+        if (kStream)
+            ownStream(p, x);
+        else if (kAligned)
+            ownStoreA(p, x);
+        else
+            ownStoreU(p, x);
+    }
     // One lane's row: x and y with movq (an 8-byte load with no alignment
     // requirement), z with movss.
     static OWN_LANE void ownLoadRow(const float* p, __m128& xy, __m128& z) {
