@@ -43,16 +43,13 @@ struct OwnHitRecord {
 // distance and strictly beyond the origin.
 template <class L>
 struct OwnEyePolicy : OwnHitRecord<L> {
-    using typename OwnHitRecord<L>::F;
-    using typename OwnHitRecord<L>::M;
-    using typename OwnHitRecord<L>::I;
     static constexpr float kSplitTol = kOwnSplitTol;
     bool skip(int32_t, const VekrTriangleAccel& R) const { return R.axisCode == 0; }
     typename L::M consider(int32_t j, typename L::M active, const OwnTriTerms<L>& tt) {
         const typename L::M m =
-            ownAnd(ownAnd(active, tt.inside), ownAnd(this->dist > tt.t, tt.t > F(0.0f)));
+            ownAnd(ownAnd(active, tt.inside), ownAnd(this->dist > tt.t, tt.t > typename L::F(0.0f)));
         this->record(m, j, tt);
-        return M(false);
+        return typename L::M(false);
     }
 };
 
@@ -62,18 +59,15 @@ struct OwnEyePolicy : OwnHitRecord<L> {
 // more than 0.00001.
 template <class L>
 struct OwnMOPolicy : OwnHitRecord<L> {
-    using typename OwnHitRecord<L>::F;
-    using typename OwnHitRecord<L>::M;
-    using typename OwnHitRecord<L>::I;
     static constexpr float kSplitTol = kOwnSplitTol;
     bool skip(int32_t, const VekrTriangleAccel& R) const { return R.axisCode == 0; }
     typename L::M consider(int32_t j, typename L::M active, const OwnTriTerms<L>& tt) {
-        typename L::M m = ownAndNot(active, ownAbs(tt.det) < F(1.1920929e-6f));
-        m = ownAndNot(m, this->idx == I(j));
+        typename L::M m = ownAndNot(active, ownAbs(tt.det) < typename L::F(1.1920929e-6f));
+        m = ownAndNot(m, this->idx == typename L::I(j));
         m = ownAnd(m, tt.inside);
-        m = ownAnd(m, ownAnd(this->dist - F(0.00001f) > tt.t, tt.t > F(0.0f)));
+        m = ownAnd(m, ownAnd(this->dist - typename L::F(0.00001f) > tt.t, tt.t > typename L::F(0.0f)));
         this->record(m, j, tt);
-        return M(false);
+        return typename L::M(false);
     }
 };
 
@@ -81,22 +75,19 @@ struct OwnMOPolicy : OwnHitRecord<L> {
 // first (level mod 8) entries of the hit list are ignored.
 template <class L>
 struct OwnMultiplePolicy : OwnHitRecord<L> {
-    using typename OwnHitRecord<L>::F;
-    using typename OwnHitRecord<L>::M;
-    using typename OwnHitRecord<L>::I;
     static constexpr float kSplitTol = kOwnSplitTolMultiple;
     typename L::I prev;
     const typename L::I* list;
     int numList;
     bool skip(int32_t, const VekrTriangleAccel& R) const { return R.axisCode == 0; }
     typename L::M consider(int32_t j, typename L::M active, const OwnTriTerms<L>& tt) {
-        const typename L::I jj = I(j);
+        const typename L::I jj = typename L::I(j);
         typename L::M seen = prev == jj;
         for (int e = 0; e < numList; ++e) seen = ownOr(seen, list[e] == jj);
         typename L::M m = ownAndNot(active, seen);
-        m = ownAnd(m, ownAnd(tt.inside, ownAnd(this->dist > tt.t, tt.t > F(0.0f))));
+        m = ownAnd(m, ownAnd(tt.inside, ownAnd(this->dist > tt.t, tt.t > typename L::F(0.0f))));
         this->record(m, j, tt);
-        return M(false);
+        return typename L::M(false);
     }
 };
 
