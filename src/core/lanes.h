@@ -9,11 +9,12 @@
 #ifndef VEKR_CORE_LANES_H
 #define VEKR_CORE_LANES_H
 
-#include <emmintrin.h>
+#include <tmmintrin.h>
 
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "core/own.h"
 
@@ -49,16 +50,24 @@ OWN_LANE float ownAbs(float x) { return std::fabs(x); }
 OWN_LANE float ownMin(float a, float b) { return a < b ? a : b; }
 OWN_LANE float ownMax(float a, float b) { return a > b ? a : b; }
 OWN_LANE bool ownNonNegative(std::int32_t x) { return x >= 0; }
+// Truncation toward zero, as a cast does; and rounding in the current mode
+// (ties to even by default, as nearbyint) with the processor's conversion
+// (out of range and NaN give INT32_MIN).
+OWN_LANE std::int32_t ownTruncToInt(float x) { return static_cast<std::int32_t>(x); }
+OWN_LANE std::int32_t ownRoundToInt(float x) { return _mm_cvtss_si32(_mm_set_ss(x)); }
+OWN_LANE std::int32_t ownRoundToInt(double x) { return _mm_cvtsd_si32(_mm_set_sd(x)); }
 
 // ---------------------------------------------------------------------------
 // Four-wide types.
 // ---------------------------------------------------------------------------
 
-// Four floats in one SSE register.
+// Four floats in one SSE register. The raw register converts implicitly, so
+// that a value formed outside this vocabulary (by a test, say) can be passed
+// to a lane function.
 struct OwnF4 {
     __m128 v;
     OwnF4() = default;
-    OWN_LANE explicit OwnF4(__m128 x) : v(x) {}
+    OWN_LANE OwnF4(__m128 x) : v(x) {}
     OWN_LANE explicit OwnF4(float x) : v(_mm_set1_ps(x)) {}
 };
 // A lane mask: all bits set where the condition holds, clear elsewhere.
@@ -229,6 +238,206 @@ struct OwnD2 {
 OWN_LANE OwnD4 ownBroadcast(OwnD2 pair) { return {pair.v, pair.v}; }
 // int32 to double, exactly.
 OWN_LANE OwnD4 ownToDouble(OwnI4 x) { return {_mm_cvtepi32_pd(x.v), _mm_cvtepi32_pd(_mm_shuffle_epi32(x.v, 0xEE))}; }
+
+// ---------------------------------------------------------------------------
+// Shuffles, gathers and horizontal sums of four floats.
+// ---------------------------------------------------------------------------
+
+OWN_LANE OwnF4 ownSetLanes(float x0, float x1, float x2, float x3) { return OwnF4(_mm_setr_ps(x0, x1, x2, x3)); }
+// Lane j of x in all four lanes.
+template <int j>
+OWN_LANE OwnF4 ownBroadcastLane(OwnF4 x) {
+    return OwnF4(_mm_shuffle_ps(x.v, x.v, j * 0x55));
+}
+// (a0, a2, b0, b2) and (a1, a3, b1, b3): the even and odd lanes of a, then of b.
+OWN_LANE OwnF4 ownEvenLanes(OwnF4 a, OwnF4 b) { return OwnF4(_mm_shuffle_ps(a.v, b.v, _MM_SHUFFLE(2, 0, 2, 0))); }
+OWN_LANE OwnF4 ownOddLanes(OwnF4 a, OwnF4 b) { return OwnF4(_mm_shuffle_ps(a.v, b.v, _MM_SHUFFLE(3, 1, 3, 1))); }
+// Two consecutive floats at lo in lanes 0-1 and two at hi in lanes 2-3: one
+// 8-byte load each (movq, movhps), any alignment, bits copied unchanged.
+OWN_LANE OwnF4 ownLoadPairs(const void* lo, const void* hi) {
+    const __m128 l = _mm_castsi128_ps(_mm_loadl_epi64(static_cast<const __m128i*>(lo)));
+    return OwnF4(_mm_loadh_pi(l, static_cast<const __m64*>(hi)));
+}
+// ((x0 + x1) + x2) + x3, in that order.
+OWN_LANE float ownSumLanes(OwnF4 x) {
+    const __m128 s01 = _mm_add_ss(x.v, _mm_shuffle_ps(x.v, x.v, 0x55));
+    const __m128 s012 = _mm_add_ss(s01, _mm_movehl_ps(x.v, x.v));
+    return _mm_cvtss_f32(_mm_add_ss(s012, _mm_shuffle_ps(x.v, x.v, 0xFF)));
+}
+// Asks the cache for the line holding p (a hint; never faults).
+OWN_LANE void ownPrefetch(const void* p) { _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0); }
+
+// ---------------------------------------------------------------------------
+// Integer bits: logic, shifts, lane 0, 32-bit products, the zero-extending
+// loads and the narrowing stores of 8u and 16u elements, and the 16-bit and
+// byte placement of the small-element gathers.
+// ---------------------------------------------------------------------------
+
+OWN_LANE OwnI4 operator&(OwnI4 a, OwnI4 b) { return OwnI4(_mm_and_si128(a.v, b.v)); }
+OWN_LANE OwnI4 operator|(OwnI4 a, OwnI4 b) { return OwnI4(_mm_or_si128(a.v, b.v)); }
+template <int n>
+OWN_LANE OwnI4 ownShiftLeft(OwnI4 x) {
+    return OwnI4(_mm_slli_epi32(x.v, n));
+}
+// Logical (zero-filling) right shift.
+template <int n>
+OWN_LANE OwnI4 ownShiftRight(OwnI4 x) {
+    return OwnI4(_mm_srli_epi32(x.v, n));
+}
+OWN_LANE OwnI4 ownSetLanes(std::int32_t x0, std::int32_t x1, std::int32_t x2, std::int32_t x3) {
+    return OwnI4(_mm_setr_epi32(x0, x1, x2, x3));
+}
+// x in lane 0, zeros elsewhere; and lane 0 back.
+OWN_LANE OwnI4 ownInLane0(std::int32_t x) { return OwnI4(_mm_cvtsi32_si128(x)); }
+OWN_LANE std::int32_t ownLane0(OwnI4 x) { return _mm_cvtsi128_si32(x.v); }
+// Lanes 0-1 of a, then lanes 0-1 of b.
+OWN_LANE OwnI4 ownConcatLow(OwnI4 a, OwnI4 b) { return OwnI4(_mm_unpacklo_epi64(a.v, b.v)); }
+// x * f per lane, the low 32 bits of each product (SSE2 has no 32-bit
+// multiply: the even and the odd lanes go through pmuludq).
+OWN_LANE OwnI4 ownMulLo(OwnI4 x, std::int32_t f) {
+    const __m128i fv = _mm_set1_epi32(f);
+    const __m128i even = _mm_mul_epu32(x.v, fv), odd = _mm_mul_epu32(_mm_srli_epi64(x.v, 32), fv);
+    return OwnI4(_mm_unpacklo_epi32(_mm_shuffle_epi32(even, _MM_SHUFFLE(0, 0, 2, 0)),
+                                    _mm_shuffle_epi32(odd, _MM_SHUFFLE(0, 0, 2, 0))));
+}
+// The same 128 bits seen as int32 or as int16 lanes.
+OWN_LANE OwnW8 ownAsW8(OwnI4 x) { return OwnW8(x.v); }
+OWN_LANE OwnI4 ownAsI4(OwnW8 x) { return OwnI4(x.v); }
+// x with its 16-bit lane `lane` replaced by the low 16 bits of v (pinsrw,
+// straight from a general register).
+template <int lane>
+OWN_LANE OwnW8 ownInsert16(OwnW8 x, int v) {
+    return OwnW8(_mm_insert_epi16(x.v, v, lane));
+}
+// Byte k of the result is byte pick[k] of x, or 0 where pick[k] has its top
+// bit set (pshufb).
+OWN_LANE OwnI4 ownShuffleBytes(OwnW8 x, OwnI4 pick) { return OwnI4(_mm_shuffle_epi8(x.v, pick.v)); }
+OWN_LANE OwnI4 ownSetBytes(char b0, char b1, char b2, char b3, char b4, char b5, char b6, char b7, char b8, char b9,
+                           char b10, char b11, char b12, char b13, char b14, char b15) {
+    return OwnI4(_mm_setr_epi8(b0, b1, b2, b3, b4, b5, b6, b7, b8, b9, b10, b11, b12, b13, b14, b15));
+}
+// The low eight bytes of the register from p (movq), zeros above.
+OWN_LANE OwnI4 ownLoadLow64(const void* p) { return OwnI4(_mm_loadl_epi64(static_cast<const __m128i*>(p))); }
+// The four low 16-bit lanes, or the four low bytes, zero-extended to int32.
+OWN_LANE OwnI4 ownWidenLowU16(OwnI4 x) { return OwnI4(_mm_unpacklo_epi16(x.v, _mm_setzero_si128())); }
+OWN_LANE OwnI4 ownWidenLowU8(OwnI4 x) {
+    const __m128i zero = _mm_setzero_si128();
+    return OwnI4(_mm_unpacklo_epi16(_mm_unpacklo_epi8(x.v, zero), zero));
+}
+// Four elements from p as floats (exact for 8u and 16u; float bits copied).
+OWN_LANE OwnF4 ownLoadAsFloat(const float* p) { return ownLoadU(p); }
+OWN_LANE OwnF4 ownLoadAsFloat(const std::uint16_t* p) { return ownToFloat(ownWidenLowU16(ownLoadLow64(p))); }
+OWN_LANE OwnF4 ownLoadAsFloat(const std::uint8_t* p) {
+    std::uint32_t v;
+    std::memcpy(&v, p, 4);
+    return ownToFloat(ownWidenLowU8(ownInLane0(static_cast<std::int32_t>(v))));
+}
+// Four int32 in [0, 255] stored as bytes, and four in [0, 65535] as uint16,
+// at p of any alignment. 0..255 fits both packs without saturation; 0..65535
+// does not fit the signed pack, so it is biased by -32768, packed with
+// signed saturation (exact after the bias) and the bias flipped back.
+OWN_LANE void ownStoreNarrow(std::uint8_t* p, OwnI4 x) {
+    const __m128i i16 = _mm_packs_epi32(x.v, x.v);
+    const int packed = _mm_cvtsi128_si32(_mm_packus_epi16(i16, i16));
+    std::memcpy(p, &packed, 4);
+}
+OWN_LANE void ownStoreNarrow(std::uint16_t* p, OwnI4 x) {
+    const __m128i i32 = _mm_sub_epi32(x.v, _mm_set1_epi32(32768));
+    const __m128i i16 = _mm_xor_si128(_mm_packs_epi32(i32, i32), _mm_set1_epi16(-32768));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), i16);
+}
+
+// ---------------------------------------------------------------------------
+// Two-double lanes: arithmetic, comparisons and conversions of OwnD2.
+// ---------------------------------------------------------------------------
+
+// A mask of two double lanes.
+struct OwnMD2 {
+    __m128d v;
+    OwnMD2() = default;
+    OWN_LANE explicit OwnMD2(__m128d x) : v(x) {}
+    OWN_LANE explicit OwnMD2(bool all) : v(_mm_castsi128_pd(_mm_set1_epi32(all ? -1 : 0))) {}
+};
+// (lane 0, lane 1).
+OWN_LANE OwnD2 ownSetLanes(double x0, double x1) { return OwnD2(_mm_set_pd(x1, x0)); }
+OWN_LANE OwnD2 operator+(OwnD2 a, OwnD2 b) { return OwnD2(_mm_add_pd(a.v, b.v)); }
+OWN_LANE OwnD2 operator-(OwnD2 a, OwnD2 b) { return OwnD2(_mm_sub_pd(a.v, b.v)); }
+OWN_LANE OwnD2 operator*(OwnD2 a, OwnD2 b) { return OwnD2(_mm_mul_pd(a.v, b.v)); }
+OWN_LANE OwnD2 ownMin(OwnD2 a, OwnD2 b) { return OwnD2(_mm_min_pd(a.v, b.v)); }  // a < b ? a : b per lane
+OWN_LANE OwnD2 ownMax(OwnD2 a, OwnD2 b) { return OwnD2(_mm_max_pd(a.v, b.v)); }  // a > b ? a : b per lane
+OWN_LANE OwnD2 ownAbs(OwnD2 x) { return OwnD2(_mm_andnot_pd(_mm_set1_pd(-0.0), x.v)); }
+OWN_LANE OwnMD2 operator<(OwnD2 a, OwnD2 b) { return OwnMD2(_mm_cmplt_pd(a.v, b.v)); }
+OWN_LANE OwnMD2 operator<=(OwnD2 a, OwnD2 b) { return OwnMD2(_mm_cmple_pd(a.v, b.v)); }
+OWN_LANE OwnMD2 operator>=(OwnD2 a, OwnD2 b) { return OwnMD2(_mm_cmpge_pd(a.v, b.v)); }
+OWN_LANE OwnMD2 ownAnd(OwnMD2 a, OwnMD2 b) { return OwnMD2(_mm_and_pd(a.v, b.v)); }
+OWN_LANE OwnMD2 ownAndNot(OwnMD2 a, OwnMD2 b) { return OwnMD2(_mm_andnot_pd(b.v, a.v)); }  // a and not b
+OWN_LANE int ownMoveMask(OwnMD2 a) { return _mm_movemask_pd(a.v); }
+// x where the mask holds, +0.0 elsewhere; and the bitwise union of two such
+// values with disjoint masks.
+OWN_LANE OwnD2 ownKeep(OwnMD2 m, OwnD2 x) { return OwnD2(_mm_and_pd(m.v, x.v)); }
+OWN_LANE OwnD2 ownUnion(OwnD2 a, OwnD2 b) { return OwnD2(_mm_or_pd(a.v, b.v)); }
+// (a0, b0) and (a1, b1).
+OWN_LANE OwnD2 ownInterleaveLo(OwnD2 a, OwnD2 b) { return OwnD2(_mm_unpacklo_pd(a.v, b.v)); }
+OWN_LANE OwnD2 ownInterleaveHi(OwnD2 a, OwnD2 b) { return OwnD2(_mm_unpackhi_pd(a.v, b.v)); }
+OWN_LANE void ownStoreU(double* p, OwnD2 x) { _mm_storeu_pd(p, x.v); }
+// Rounded once to float: lo's lanes in 0-1, hi's in 2-3.
+OWN_LANE OwnF4 ownNarrow(OwnD2 lo, OwnD2 hi) { return OwnF4(_mm_movelh_ps(_mm_cvtpd_ps(lo.v), _mm_cvtpd_ps(hi.v))); }
+// Truncated toward zero to int32 in lanes 0-1 (lanes 2-3 zero), and int32
+// lanes 0-1 to double exactly.
+OWN_LANE OwnI4 ownTruncToInt(OwnD2 x) { return OwnI4(_mm_cvttpd_epi32(x.v)); }
+OWN_LANE OwnD2 ownToDouble2(OwnI4 x) { return OwnD2(_mm_cvtepi32_pd(x.v)); }
+
+// ---------------------------------------------------------------------------
+// More integer and double lanes: bit logic, lane moves, the masks and
+// selects of OwnD2 and OwnD4, and single-lane access.
+// ---------------------------------------------------------------------------
+
+OWN_LANE OwnI4 operator^(OwnI4 a, OwnI4 b) { return OwnI4(_mm_xor_si128(a.v, b.v)); }
+OWN_LANE OwnI4 ownAndNot(OwnI4 a, OwnI4 b) { return OwnI4(_mm_andnot_si128(b.v, a.v)); }  // a and not b
+// Arithmetic (sign-filling) right shift.
+template <int n>
+OWN_LANE OwnI4 ownShiftRightArith(OwnI4 x) {
+    return OwnI4(_mm_srai_epi32(x.v, n));
+}
+// The lanes moved up by n places, zeros into the lowest n (lane l of the
+// result is lane l - n of x).
+template <int n>
+OWN_LANE OwnI4 ownShiftLanesUp(OwnI4 x) {
+    return OwnI4(_mm_slli_si128(x.v, 4 * n));
+}
+// Lane j of x in all four lanes.
+template <int j>
+OWN_LANE OwnI4 ownBroadcastLane(OwnI4 x) {
+    return OwnI4(_mm_shuffle_epi32(x.v, j * 0x55));
+}
+// The same 128 bits seen as floats or as int32.
+OWN_LANE OwnF4 ownAsF4(OwnI4 x) { return OwnF4(_mm_castsi128_ps(x.v)); }
+OWN_LANE OwnI4 ownAsI4(OwnF4 x) { return OwnI4(_mm_castps_si128(x.v)); }
+
+OWN_LANE OwnD2 ownLoadU(const double* p) { return OwnD2(_mm_loadu_pd(p)); }
+// p[0] in lane 0, +0.0 in lane 1; and lane 0 stored to p[0] or returned.
+OWN_LANE OwnD2 ownLoadLow(const double* p) { return OwnD2(_mm_load_sd(p)); }
+OWN_LANE void ownStoreLow(double* p, OwnD2 x) { _mm_store_sd(p, x.v); }
+OWN_LANE double ownLane0(OwnD2 x) { return _mm_cvtsd_f64(x.v); }
+OWN_LANE OwnMD2 operator==(OwnD2 a, OwnD2 b) { return OwnMD2(_mm_cmpeq_pd(a.v, b.v)); }
+OWN_LANE OwnMD2 ownOr(OwnMD2 a, OwnMD2 b) { return OwnMD2(_mm_or_pd(a.v, b.v)); }
+// Bitwise choice, as for OwnF4.
+OWN_LANE OwnD2 ownSelect(OwnMD2 m, OwnD2 a, OwnD2 b) {
+    return OwnD2(_mm_or_pd(_mm_and_pd(m.v, a.v), _mm_andnot_pd(m.v, b.v)));
+}
+
+// A mask of four double lanes (two registers, as OwnD4).
+struct OwnMD4 {
+    __m128d lo, hi;
+};
+OWN_LANE OwnMD4 operator<(OwnD4 a, OwnD4 b) { return {_mm_cmplt_pd(a.lo, b.lo), _mm_cmplt_pd(a.hi, b.hi)}; }
+OWN_LANE OwnD4 ownMin(OwnD4 a, OwnD4 b) { return {_mm_min_pd(a.lo, b.lo), _mm_min_pd(a.hi, b.hi)}; }  // a < b ? a : b
+OWN_LANE OwnD4 ownMax(OwnD4 a, OwnD4 b) { return {_mm_max_pd(a.lo, b.lo), _mm_max_pd(a.hi, b.hi)}; }  // a > b ? a : b
+// x where the mask holds, +0.0 elsewhere.
+OWN_LANE OwnD4 ownKeep(OwnMD4 m, OwnD4 x) { return {_mm_and_pd(m.lo, x.lo), _mm_and_pd(m.hi, x.hi)}; }
+// Lanes 0-1 and 2-3 as pairs.
+OWN_LANE OwnD2 ownLowPair(OwnD4 x) { return OwnD2(x.lo); }
+OWN_LANE OwnD2 ownHighPair(OwnD4 x) { return OwnD2(x.hi); }
 
 // ---------------------------------------------------------------------------
 // Access policies. A kernel is written as `template <class IO> void k(IO, i)`
