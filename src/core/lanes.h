@@ -440,6 +440,30 @@ OWN_LANE OwnD2 ownLowPair(OwnD4 x) { return OwnD2(x.lo); }
 OWN_LANE OwnD2 ownHighPair(OwnD4 x) { return OwnD2(x.hi); }
 
 // ---------------------------------------------------------------------------
+// Double pairs from and to floats, and the float shuffles of small records.
+// ---------------------------------------------------------------------------
+
+// Lanes 0-1 of a float register widened to double exactly.
+OWN_LANE OwnD2 ownWidenLow(OwnF4 x) { return OwnD2(_mm_cvtps_pd(x.v)); }
+// Two doubles rounded once to float, in lanes 0-1 (lanes 2-3 zero).
+OWN_LANE OwnF4 ownNarrowLow(OwnD2 x) { return OwnF4(_mm_cvtpd_ps(x.v)); }
+// p[0] in lane 0, zeros elsewhere (movss).
+OWN_LANE OwnF4 ownLoadLow(const float* p) { return OwnF4(_mm_load_ss(p)); }
+// Lanes 2-3 stored to p[0..1] (movhps, any alignment).
+OWN_LANE void ownStoreHigh(float* p, OwnF4 x) { _mm_storeh_pi(reinterpret_cast<__m64*>(p), x.v); }
+// (a0, b0, a1, b1).
+OWN_LANE OwnF4 ownInterleaveLo(OwnF4 a, OwnF4 b) { return OwnF4(_mm_unpacklo_ps(a.v, b.v)); }
+// (a[i0], a[i1], b[j0], b[j1]).
+template <int i0, int i1, int j0, int j1>
+OWN_LANE OwnF4 ownShuffle(OwnF4 a, OwnF4 b) {
+    return OwnF4(_mm_shuffle_ps(a.v, b.v, _MM_SHUFFLE(j1, j0, i1, i0)));
+}
+OWN_LANE OwnD2 operator/(OwnD2 a, OwnD2 b) { return OwnD2(_mm_div_pd(a.v, b.v)); }
+OWN_LANE OwnD2 ownSqrt(OwnD2 x) { return OwnD2(_mm_sqrt_pd(x.v)); }
+// !(a < b) per lane: true where b is not greater, and for NaN.
+OWN_LANE OwnMD2 ownNotLess(OwnD2 a, OwnD2 b) { return OwnMD2(_mm_cmpnlt_pd(a.v, b.v)); }
+
+// ---------------------------------------------------------------------------
 // Access policies. A kernel is written as `template <class IO> void k(IO, i)`
 // and handles IO::kWidth elements starting at element i; IO::F, IO::M and
 // IO::I are its float, mask and integer lanes. load/store follow the
