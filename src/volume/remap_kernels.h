@@ -279,7 +279,7 @@ struct OwnTapGather<std::uint8_t> {
         v = ownInsert16<6>(v, pair(p[3]));
         v = ownInsert16<7>(v, pair(p[3] + next));
         // Byte j of each voxel's four into the low byte of its lane, zeros above.
-        auto tap = [v](char j) {
+        auto tap = [v](char j) OWN_KERNEL {
             const char z = -128;
             const OwnI4 pick = ownSetBytes(j, z, z, z, j + 4, z, z, z, j + 8, z, z, z, j + 12, z, z, z);
             return ownToFloat(ownShuffleBytes(v, pick));
@@ -393,7 +393,7 @@ inline float ownSampleCubic(const OwnSource<T>& s, const OwnCubicKernel& k, C x,
 // select, so the weights are the same bits.
 OWN_LANE OwnF4 ownCubicWeightsSse(const OwnCubicKernel& k, double t) {
     // ((c3 x^3 + c2 x^2) + c1 x) + c0, x^2 = x x, x^3 = x^2 x, as ownCubicWeight.
-    auto poly = [](OwnD2 x, OwnD2 c3, OwnD2 c2, OwnD2 c1, OwnD2 c0) {
+    auto poly = [](OwnD2 x, OwnD2 c3, OwnD2 c2, OwnD2 c1, OwnD2 c0) OWN_KERNEL {
         const OwnD2 x2 = x * x;
         const OwnD2 x3 = x2 * x;
         return ((c3 * x3 + c2 * x2) + c1 * x) + c0;
@@ -446,7 +446,7 @@ OWN_LANE OwnF4 ownCubicRows4(const T* r0, const T* r1, const T* r2, const T* r3,
         a = ownLoadAsFloat(r0 + xs[0]), b = ownLoadAsFloat(r1 + xs[0]), c = ownLoadAsFloat(r2 + xs[0]),
         d = ownLoadAsFloat(r3 + xs[0]);
     } else {
-        auto gather = [xs](const T* r) {
+        auto gather = [xs](const T* r) OWN_KERNEL {
             return ownSetLanes(static_cast<float>(r[xs[0]]), static_cast<float>(r[xs[1]]), static_cast<float>(r[xs[2]]),
                                static_cast<float>(r[xs[3]]));
         };
@@ -479,9 +479,12 @@ OWN_LANE float ownSampleCubicSse(const OwnSource<T>& s, const OwnCubicKernel& k,
         }
     }
     const OwnCubicWeights4 wx = ownSpreadWeights(w[0]);
+    // Called out of line for each plane. It hands back the raw register:
+    // on i386 a wrapper struct would be returned through memory.
     auto plane = [&](int zi) {
         return ownCubicRows4(ownSourceRow(s, zi, tap[1][0]), ownSourceRow(s, zi, tap[1][1]),
-                             ownSourceRow(s, zi, tap[1][2]), ownSourceRow(s, zi, tap[1][3]), tap[0], contiguous, wx);
+                             ownSourceRow(s, zi, tap[1][2]), ownSourceRow(s, zi, tap[1][3]), tap[0], contiguous, wx)
+            .v;
     };
     if (Dims == 2) return ownCubicDot(plane(0), w[1]);
     OwnF4 p0 = plane(tap[2][0]), p1 = plane(tap[2][1]), p2 = plane(tap[2][2]), p3 = plane(tap[2][3]);
