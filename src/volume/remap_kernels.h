@@ -428,10 +428,12 @@ VEKR_ALWAYS_INLINE inline __m128 ownCubicWeightsSse(const OwnCubicKernel& k, dou
     };
     const __m128d a01 = _mm_set_pd(t, 1.0 + t);
     const __m128d a23 = _mm_set_pd(2.0 - t, 1.0 - t);
-    if (t > 0.0 && t < 1.0) {
+    if (t > 0.0 && t < 1.0 && 2.0 - t < 2.0) {
         // The usual case: the arguments 1 + t, t, 1 - t, 2 - t lie in [1, 2),
         // [0, 1), (0, 1) and (1, 2), all positive, so each lane's polynomial
-        // is known and the other need not be evaluated.
+        // is known and the other need not be evaluated. A t below about
+        // 2^-52 does not qualify: 1 - t and 2 - t round to 1 and 2, where the
+        // scalar rule takes the outer polynomial and 0.
         auto poly = [](__m128d x, __m128d c3, __m128d c2, __m128d c1, __m128d c0) {
             const __m128d x2 = _mm_mul_pd(x, x);
             const __m128d x3 = _mm_mul_pd(x2, x);
