@@ -3,7 +3,8 @@
 # (only those that are missing). Run as root, or with sudo available.
 set -euo pipefail
 pkgs=(cmake g++ gcc-multilib g++-multilib googletest libomp-dev glmark2-data
-      python3-numpy python3-scipy libtinyobjloader-dev libstb-dev binutils file)
+      python3-numpy python3-scipy libtinyobjloader-dev libstb-dev binutils file
+      clang libclang-rt-14-dev libomp-14-dev lib32asan8 lib32ubsan1)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

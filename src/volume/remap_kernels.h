@@ -408,10 +408,12 @@ OWN_LANE OwnF4 ownCubicWeightsSse(const OwnCubicKernel& k, double t) {
     };
     const OwnD2 a01 = ownSetLanes(1.0 + t, t);
     const OwnD2 a23 = ownSetLanes(1.0 - t, 2.0 - t);
-    if (t > 0.0 && t < 1.0) {
+    if (t > 0.0 && t < 1.0 && 2.0 - t < 2.0) {
         // The usual case: the arguments 1 + t, t, 1 - t, 2 - t lie in [1, 2),
         // [0, 1), (0, 1) and (1, 2), all positive, so each lane's polynomial
-        // is known and the other need not be evaluated.
+        // is known and the other need not be evaluated. A t below about
+        // 2^-52 does not qualify: 1 - t and 2 - t round to 1 and 2, where the
+        // scalar rule takes the outer polynomial and 0.
         const OwnD2 w01 = poly(a01, ownSetLanes(k.out3, k.in3), ownSetLanes(k.out2, k.in2),
                                ownSetLanes(k.out1, k.in1), ownSetLanes(k.out0, k.in0));
         const OwnD2 w23 = poly(a23, ownSetLanes(k.in3, k.out3), ownSetLanes(k.in2, k.out2),

@@ -7,9 +7,10 @@ option(VEKR_FUZZ "Build the libFuzzer harnesses (clang)" OFF)
 
 set(VEKR_FUZZ_DIR ${CMAKE_CURRENT_LIST_DIR})
 
-if(VEKR_FUZZ)
-  # The shared objects of a fuzz configuration leave the sanitizer symbols to
-  # the program that loads them (clang links the runtimes into executables).
+# clang links the sanitizer runtimes into executables only: the shared
+# objects of a sanitizer configuration (fuzzing, ThreadSanitizer) leave those
+# symbols to the program that loads them.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_CXX_FLAGS MATCHES "-fsanitize=")
   target_link_options(vekcore PRIVATE -Wl,-z,undefs)
   target_link_options(vekr PRIVATE -Wl,-z,undefs)
 endif()
