@@ -14,7 +14,10 @@ harnesses=(scene shading sh volume)
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 KMP_BLOCKTIME=0
 
 build() {
-  local flags="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer -g"
+  # No comparison tracing: the harnesses derive values from the input, and the
+  # tracing of every compare in the interpolation loops cost a third of the time.
+  local flags="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-coverage=trace-cmp"
+  flags+=" -fno-sanitize-recover=undefined -fno-omit-frame-pointer -g"
   cmake -S . -B build-fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_C_FLAGS="$flags" -DCMAKE_CXX_FLAGS="$flags" -DVEKR_FUZZ=ON \
     -DVEKR_BUILD_BENCH=OFF -DVEKR_BUILD_EXAMPLES=OFF >/dev/null

@@ -7,7 +7,6 @@
 #include <cfloat>
 #include <cstdint>
 
-#include "core/own.h"
 #include "raytrace/traverse.h"
 
 namespace vekr {
@@ -21,17 +20,20 @@ namespace {
 // triangle index.
 template <class L>
 struct OwnHitRecord {
+    using F = typename L::F;
+    using M = typename L::M;
+    using I = typename L::I;
     typename L::F dist, h0, h1;
     typename L::I idx;
 
     // Records the hit on the lanes of m; the weights are b/det for the first
     // vertex and g/det for the second.
     void record(typename L::M m, int32_t j, const OwnTriTerms<L>& tt) {
-        if (!L::any(m)) return;
-        dist = L::sel(m, tt.t, dist);
-        h1 = L::sel(m, tt.g / tt.det, h1);
-        h0 = L::sel(m, tt.b / tt.det, h0);
-        idx = L::selI(m, L::splatI(j), idx);
+        if (!ownAny(m)) return;
+        dist = ownSelect(m, tt.t, dist);
+        h1 = ownSelect(m, tt.g / tt.det, h1);
+        h0 = ownSelect(m, tt.b / tt.det, h0);
+        idx = ownSelect(m, I(j), idx);
     }
     typename L::F bound() const { return dist; }
 };
@@ -45,9 +47,9 @@ struct OwnEyePolicy : OwnHitRecord<L> {
     bool skip(int32_t, const VekrTriangleAccel& R) const { return R.axisCode == 0; }
     typename L::M consider(int32_t j, typename L::M active, const OwnTriTerms<L>& tt) {
         const typename L::M m =
-            L::both(L::both(active, tt.inside), L::both(L::gt(this->dist, tt.t), L::gt(tt.t, L::splat(0.0f))));
+            ownAnd(ownAnd(active, tt.inside), ownAnd(this->dist > tt.t, tt.t > typename L::F(0.0f)));
         this->record(m, j, tt);
-        return L::none();
+        return typename L::M(false);
     }
 };
 
@@ -60,12 +62,12 @@ struct OwnMOPolicy : OwnHitRecord<L> {
     static constexpr float kSplitTol = kOwnSplitTol;
     bool skip(int32_t, const VekrTriangleAccel& R) const { return R.axisCode == 0; }
     typename L::M consider(int32_t j, typename L::M active, const OwnTriTerms<L>& tt) {
-        typename L::M m = L::andNot(active, L::lt(L::abs(tt.det), L::splat(1.1920929e-6f)));
-        m = L::andNot(m, L::eqI(this->idx, L::splatI(j)));
-        m = L::both(m, tt.inside);
-        m = L::both(m, L::both(L::gt(this->dist - L::splat(0.00001f), tt.t), L::gt(tt.t, L::splat(0.0f))));
+        typename L::M m = ownAndNot(active, ownAbs(tt.det) < typename L::F(1.1920929e-6f));
+        m = ownAndNot(m, this->idx == typename L::I(j));
+        m = ownAnd(m, tt.inside);
+        m = ownAnd(m, ownAnd(this->dist - typename L::F(0.00001f) > tt.t, tt.t > typename L::F(0.0f)));
         this->record(m, j, tt);
-        return L::none();
+        return typename L::M(false);
     }
 };
 
@@ -79,13 +81,13 @@ struct OwnMultiplePolicy : OwnHitRecord<L> {
     int numList;
     bool skip(int32_t, const VekrTriangleAccel& R) const { return R.axisCode == 0; }
     typename L::M consider(int32_t j, typename L::M active, const OwnTriTerms<L>& tt) {
-        const typename L::I jj = L::splatI(j);
-        typename L::M seen = L::eqI(prev, jj);
-        for (int e = 0; e < numList; ++e) seen = L::either(seen, L::eqI(list[e], jj));
-        typename L::M m = L::andNot(active, seen);
-        m = L::both(m, L::both(tt.inside, L::both(L::gt(this->dist, tt.t), L::gt(tt.t, L::splat(0.0f)))));
+        const typename L::I jj = typename L::I(j);
+        typename L::M seen = prev == jj;
+        for (int e = 0; e < numList; ++e) seen = ownOr(seen, list[e] == jj);
+        typename L::M m = ownAndNot(active, seen);
+        m = ownAnd(m, ownAnd(tt.inside, ownAnd(this->dist > tt.t, tt.t > typename L::F(0.0f))));
         this->record(m, j, tt);
-        return L::none();
+        return typename L::M(false);
     }
 };
 
@@ -93,17 +95,20 @@ struct OwnMultiplePolicy : OwnHitRecord<L> {
 // accepted with 0 < t < 1 ends the ray.
 template <class L>
 struct OwnAnyPolicy {
+    using F = typename L::F;
+    using M = typename L::M;
+    using I = typename L::I;
     static constexpr float kSplitTol = kOwnSplitTol;
     typename L::I occluder, mask;
     bool skip(int32_t, const VekrTriangleAccel& R) const { return R.axisCode == 0; }
-    typename L::F bound() const { return L::splat(1.0f); }
+    typename L::F bound() const { return F(1.0f); }
     typename L::M consider(int32_t j, typename L::M active, const OwnTriTerms<L>& tt) {
-        const typename L::I jj = L::splatI(j);
-        typename L::M m = L::andNot(active, L::eqI(occluder, jj));
-        m = L::both(m, L::both(tt.inside, L::both(L::gt(L::splat(1.0f), tt.t), L::gt(tt.t, L::splat(0.0f)))));
-        if (L::any(m)) {
-            occluder = L::selI(m, jj, occluder);
-            mask = L::selI(m, L::splatI(-1), mask);
+        const typename L::I jj = I(j);
+        typename L::M m = ownAndNot(active, occluder == jj);
+        m = ownAnd(m, ownAnd(tt.inside, ownAnd(F(1.0f) > tt.t, tt.t > F(0.0f))));
+        if (ownAny(m)) {
+            occluder = ownSelect(m, jj, occluder);
+            mask = ownSelect(m, I(-1), mask);
         }
         return m;
     }
@@ -152,26 +157,26 @@ void ownNearestRay(const OwnOrigins& org, const float* const dir[3], float* dist
 template <template <class> class Policy, OwnBoxMode mode>
 bool ownNearestPacket(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2],
                       int32_t* trngl, std::size_t i, const VekrIntersectContext* ctx) {
-    OwnRay<OwnLane4> r;
+    OwnRay<OwnLane4<>> r;
     for (int a = 0; a < 3; ++a) {
-        r.o[a] = org.stride ? _mm_load_ps(org.planes[a] + i) : _mm_set1_ps(org.planes[a][0]);
-        r.d[a] = _mm_load_ps(dir[a] + i);
+        r.o[a] = org.stride ? ownLoadA(org.planes[a] + i) : OwnF4(org.planes[a][0]);
+        r.d[a] = ownLoadA(dir[a] + i);
     }
-    __m128 tNear = _mm_setzero_ps(), tFar = _mm_load_ps(dist + i);
-    __m128 neg[3];
-    const int alive = _mm_movemask_ps(ownSetupRay<OwnLane4, mode>(ctx->pBound, r, tNear, tFar, neg));
+    OwnF4 tNear = OwnF4(0.0f), tFar = ownLoadA(dist + i);
+    OwnM4 neg[3];
+    const int alive = ownMoveMask(ownSetupRay<OwnLane4<>, mode>(ctx->pBound, r, tNear, tFar, neg));
     int sign[3] = {0, 0, 0};
     if (alive && !ownCommonSigns(neg, alive, sign)) return false;
-    Policy<OwnLane4> p;
-    p.dist = _mm_load_ps(dist + i);
-    p.h0 = _mm_load_ps(hit[0] + i);
-    p.h1 = _mm_load_ps(hit[1] + i);
-    p.idx = _mm_set1_epi32(-1);
+    Policy<OwnLane4<>> p;
+    p.dist = ownLoadA(dist + i);
+    p.h0 = ownLoadA(hit[0] + i);
+    p.h1 = ownLoadA(hit[1] + i);
+    p.idx = OwnI4(-1);
     if (alive) ownWalk4(ctx->pRootNode, ctx->pAccel, r, sign, tNear, tFar, alive, p);
-    _mm_store_ps(dist + i, p.dist);
-    _mm_store_ps(hit[0] + i, p.h0);
-    _mm_store_ps(hit[1] + i, p.h1);
-    _mm_store_si128(reinterpret_cast<__m128i*>(trngl + i), p.idx);
+    ownStoreA(dist + i, p.dist);
+    ownStoreA(hit[0] + i, p.h0);
+    ownStoreA(hit[1] + i, p.h1);
+    ownStoreA(trngl + i, p.idx);
     return true;
 }
 
@@ -253,50 +258,50 @@ void ownMultipleRay(const float* origin, const float* const dir[3], const OwnLev
 // when the rays that enter the box disagree in a direction sign.
 bool ownMultiplePacket(const float* origin, const float* const dir[3], const OwnLevels& out, std::size_t i,
                        const VekrIntersectContext* ctx) {
-    OwnRay<OwnLane4> r;
+    OwnRay<OwnLane4<>> r;
     for (int a = 0; a < 3; ++a) {
-        r.o[a] = _mm_set1_ps(origin[a]);
-        r.d[a] = _mm_load_ps(dir[a] + i);
+        r.o[a] = OwnF4(origin[a]);
+        r.d[a] = ownLoadA(dir[a] + i);
     }
-    __m128 tNear = _mm_setzero_ps(), tFar = _mm_load_ps(out.dist + i);
-    __m128 neg[3];
-    int alive = _mm_movemask_ps(ownSetupRay<OwnLane4, OwnBoxMode::Eye>(ctx->pBound, r, tNear, tFar, neg));
+    OwnF4 tNear = OwnF4(0.0f), tFar = ownLoadA(out.dist + i);
+    OwnM4 neg[3];
+    int alive = ownMoveMask(ownSetupRay<OwnLane4<>, OwnBoxMode::Eye>(ctx->pBound, r, tNear, tFar, neg));
     int sign[3] = {0, 0, 0};
     if (!alive) return true;
     if (!ownCommonSigns(neg, alive, sign)) return false;
-    __m128i list[8];
-    for (int e = 0; e < 8; ++e) list[e] = _mm_set1_epi32(-1);
-    __m128i prev = _mm_set1_epi32(-1);
+    OwnI4 list[8];
+    for (int e = 0; e < 8; ++e) list[e] = OwnI4(-1);
+    OwnI4 prev = OwnI4(-1);
     for (int level = 0;; ++level) {
         const std::size_t e = static_cast<std::size_t>(level) * out.plane + i;
-        OwnMultiplePolicy<OwnLane4> p;
-        p.dist = _mm_load_ps(out.dist + e);
-        p.h0 = _mm_load_ps(out.hit[0] + e);
-        p.h1 = _mm_load_ps(out.hit[1] + e);
-        p.idx = _mm_load_si128(reinterpret_cast<const __m128i*>(out.trngl + e));  // -1 on every searching lane
+        OwnMultiplePolicy<OwnLane4<>> p;
+        p.dist = ownLoadA(out.dist + e);
+        p.h0 = ownLoadA(out.hit[0] + e);
+        p.h1 = ownLoadA(out.hit[1] + e);
+        p.idx = ownLoadA(out.trngl + e);  // -1 on every searching lane
         p.prev = prev;
         p.list = list;
         p.numList = level & 7;
         ownWalk4(ctx->pRootNode, ctx->pAccel, r, sign, tNear, tFar, alive, p);
-        const __m128 found = _mm_andnot_ps(OwnLane4::eqI(p.idx, _mm_set1_epi32(-1)), ownLaneMask(alive));
-        alive = _mm_movemask_ps(found);
+        const OwnM4 found = ownAndNot(ownLaneMask(alive), p.idx == OwnI4(-1));
+        alive = ownMoveMask(found);
         if (!alive) return true;
-        _mm_store_ps(out.hit[0] + e, p.h0);
-        _mm_store_ps(out.hit[1] + e, p.h1);
-        _mm_store_si128(reinterpret_cast<__m128i*>(out.trngl + e), p.idx);
-        const __m128 t = p.dist;
-        for (int a = 0; a < 3; ++a) r.o[a] = OwnLane4::sel(found, _mm_add_ps(r.o[a], _mm_mul_ps(t, r.d[a])), r.o[a]);
-        __m128 cumulative = t;
-        if (level >= 1) cumulative = _mm_add_ps(t, _mm_load_ps(out.dist + e - out.plane));
-        _mm_store_ps(out.dist + e, OwnLane4::sel(found, cumulative, _mm_load_ps(out.dist + e)));
-        list[level & 7] = OwnLane4::selI(found, p.idx, list[level & 7]);
-        prev = OwnLane4::selI(found, p.idx, prev);
+        ownStoreA(out.hit[0] + e, p.h0);
+        ownStoreA(out.hit[1] + e, p.h1);
+        ownStoreA(out.trngl + e, p.idx);
+        const OwnF4 t = p.dist;
+        for (int a = 0; a < 3; ++a) r.o[a] = ownSelect(found, r.o[a] + t * r.d[a], r.o[a]);
+        OwnF4 cumulative = t;
+        if (level >= 1) cumulative = t + ownLoadA(out.dist + e - out.plane);
+        ownStoreA(out.dist + e, ownSelect(found, cumulative, ownLoadA(out.dist + e)));
+        list[level & 7] = ownSelect(found, p.idx, list[level & 7]);
+        prev = ownSelect(found, p.idx, prev);
         if (level + 1 == out.depth) return true;
         const std::size_t next = e + out.plane;
-        _mm_store_ps(out.dist + next, OwnLane4::sel(found, _mm_set1_ps(FLT_MAX), _mm_load_ps(out.dist + next)));
+        ownStoreA(out.dist + next, ownSelect(found, OwnF4(FLT_MAX), ownLoadA(out.dist + next)));
         // The next level's indices are still -1 from the initial fill.
-        tNear = _mm_setzero_ps();
-        tFar = _mm_add_ps(ownBoxExit(ctx->pBound, r), _mm_set1_ps(kOwnIntervalExtension));
+        tNear = OwnF4(0.0f);
+        tFar = ownBoxExit(ctx->pBound, r) + OwnF4(kOwnIntervalExtension);
     }
 }
 
@@ -327,24 +332,24 @@ void ownAnyRay(const float* origin, const float* const dir[3], int32_t* occluder
 
 bool ownAnyPacket(const float* origin, const float* const dir[3], int32_t* occluder, int32_t* mask, std::size_t i,
                   const VekrIntersectContext* ctx) {
-    OwnRay<OwnLane4> r;
+    OwnRay<OwnLane4<>> r;
     for (int a = 0; a < 3; ++a) {
-        r.o[a] = _mm_set1_ps(origin[a]);
-        r.d[a] = _mm_load_ps(dir[a] + i);
+        r.o[a] = OwnF4(origin[a]);
+        r.d[a] = ownLoadA(dir[a] + i);
     }
-    const __m128i m = _mm_load_si128(reinterpret_cast<const __m128i*>(mask + i));
-    const int selected = ~_mm_movemask_ps(_mm_castsi128_ps(m)) & 15;  // sign bit clear: mask >= 0
-    __m128 tNear = _mm_setzero_ps(), tFar = _mm_set1_ps(1.0001f);
-    __m128 neg[3];
-    ownSetupRay<OwnLane4, OwnBoxMode::None>(nullptr, r, tNear, tFar, neg);
+    const OwnI4 m = ownLoadA(mask + i);
+    const int selected = ~ownSignMask(m) & 15;  // sign bit clear: mask >= 0
+    OwnF4 tNear = OwnF4(0.0f), tFar = OwnF4(1.0001f);
+    OwnM4 neg[3];
+    ownSetupRay<OwnLane4<>, OwnBoxMode::None>(nullptr, r, tNear, tFar, neg);
     int sign[3] = {0, 0, 0};
     if (selected && !ownCommonSigns(neg, selected, sign)) return false;
-    OwnAnyPolicy<OwnLane4> p;
-    p.occluder = _mm_set1_epi32(-1);
+    OwnAnyPolicy<OwnLane4<>> p;
+    p.occluder = OwnI4(-1);
     p.mask = m;
     if (selected) ownWalk4(ctx->pRootNode, ctx->pAccel, r, sign, tNear, tFar, selected, p);
-    _mm_store_si128(reinterpret_cast<__m128i*>(occluder + i), p.occluder);
-    _mm_store_si128(reinterpret_cast<__m128i*>(mask + i), p.mask);
+    ownStoreA(occluder + i, p.occluder);
+    ownStoreA(mask + i, p.mask);
     return true;
 }
 

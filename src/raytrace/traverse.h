@@ -14,12 +14,10 @@
 #ifndef VEKR_RAYTRACE_TRAVERSE_H
 #define VEKR_RAYTRACE_TRAVERSE_H
 
-#include <emmintrin.h>
-
 #include <cstddef>
 #include <cstdint>
 
-#include "core/own.h"
+#include "core/lanes.h"
 
 namespace vekr {
 
@@ -49,69 +47,8 @@ constexpr int kOwnStackSize = 64;
 // Lane types: the same expressions instantiated for one ray or four
 // ---------------------------------------------------------------------------
 
-// min and max with the comparison order of SSE minps/maxps, so that a NaN
-// operand gives the second operand in both paths.
-inline float ownMin(float a, float b) { return a < b ? a : b; }
-inline float ownMax(float a, float b) { return a > b ? a : b; }
-
-struct OwnLane1 {
-    using F = float;
-    using I = int32_t;
-    using M = bool;
-    static F splat(float x) { return x; }
-    static I splatI(int32_t x) { return x; }
-    static F min(F a, F b) { return ownMin(a, b); }
-    static F max(F a, F b) { return ownMax(a, b); }
-    static F abs(F a) { return ownBitsFloat(ownFloatBits(a) & 0x7FFFFFFFu); }
-    static M gt(F a, F b) { return a > b; }
-    static M ge(F a, F b) { return a >= b; }
-    static M lt(F a, F b) { return a < b; }
-    static M le(F a, F b) { return a <= b; }
-    static M eqI(I a, I b) { return a == b; }
-    static M both(M a, M b) { return a && b; }
-    static M either(M a, M b) { return a || b; }
-    static M andNot(M a, M b) { return a && !b; }  // a and not b
-    static M none() { return false; }
-    static M all() { return true; }
-    static bool any(M m) { return m; }
-    static F sel(M m, F a, F b) { return m ? a : b; }
-    static I selI(M m, I a, I b) { return m ? a : b; }
-};
-
-struct OwnLane4 {
-    using F = __m128;
-    using I = __m128i;
-    using M = __m128;
-    static F splat(float x) { return _mm_set1_ps(x); }
-    static I splatI(int32_t x) { return _mm_set1_epi32(x); }
-    static F min(F a, F b) { return _mm_min_ps(a, b); }  // a < b ? a : b per lane
-    static F max(F a, F b) { return _mm_max_ps(a, b); }  // a > b ? a : b per lane
-    static F abs(F a) { return _mm_and_ps(a, _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF))); }
-    static M gt(F a, F b) { return _mm_cmpgt_ps(a, b); }
-    static M ge(F a, F b) { return _mm_cmpge_ps(a, b); }
-    static M lt(F a, F b) { return _mm_cmplt_ps(a, b); }
-    static M le(F a, F b) { return _mm_cmple_ps(a, b); }
-    static M eqI(I a, I b) { return _mm_castsi128_ps(_mm_cmpeq_epi32(a, b)); }
-    static M both(M a, M b) { return _mm_and_ps(a, b); }
-    static M either(M a, M b) { return _mm_or_ps(a, b); }
-    static M andNot(M a, M b) { return _mm_andnot_ps(b, a); }
-    static M none() { return _mm_setzero_ps(); }
-    static M all() { return _mm_castsi128_ps(_mm_set1_epi32(-1)); }
-    static bool any(M m) { return _mm_movemask_ps(m) != 0; }
-    static F sel(M m, F a, F b) { return _mm_or_ps(_mm_and_ps(m, a), _mm_andnot_ps(m, b)); }
-    static I selI(M m, I a, I b) {
-        const __m128i mi = _mm_castps_si128(m);
-        return _mm_or_si128(_mm_and_si128(mi, a), _mm_andnot_si128(mi, b));
-    }
-};
-
-// Lane-bit masks (bit l of the index set: lane l all ones).
-alignas(16) static const uint32_t kOwnLaneMaskBits[16][4] = {
-    {0, 0, 0, 0},  {~0u, 0, 0, 0},  {0, ~0u, 0, 0},  {~0u, ~0u, 0, 0},
-    {0, 0, ~0u, 0},  {~0u, 0, ~0u, 0},  {0, ~0u, ~0u, 0},  {~0u, ~0u, ~0u, 0},
-    {0, 0, 0, ~0u},  {~0u, 0, 0, ~0u},  {0, ~0u, 0, ~0u},  {~0u, ~0u, 0, ~0u},
-    {0, 0, ~0u, ~0u},  {~0u, 0, ~0u, ~0u},  {0, ~0u, ~0u, ~0u},  {~0u, ~0u, ~0u, ~0u}};
-inline __m128 ownLaneMask(int bits) { return _mm_load_ps(reinterpret_cast<const float*>(kOwnLaneMaskBits[bits])); }
+// The lane types and their operations (OwnLane1 for one ray, OwnLane4<> for
+// four) are the library's common ones from core/lanes.h.
 
 
 // ---------------------------------------------------------------------------
@@ -143,29 +80,28 @@ inline typename L::M ownSetupRay(const VekrBoundBox* box, OwnRay<L>& r, typename
     using F = typename L::F;
     using M = typename L::M;
     const float subst = mode == OwnBoxMode::Eye ? kOwnInvParallelEye : kOwnInvParallelMO;
-    const F zero = L::splat(0.0f);
-    M in = L::all();
+    const F zero = F(0.0f);
+    M in = M(true);
     for (int a = 0; a < 3; ++a) {
         const F d = r.d[a];
-        const M par = L::le(L::abs(d), L::splat(kOwnParallelEps));
-        r.inv[a] = L::sel(par, L::splat(subst), L::splat(1.0f) / d);
+        const M par = ownAbs(d) <= F(kOwnParallelEps);
+        r.inv[a] = ownSelect(par, F(subst), F(1.0f) / d);
         // The any-hit query keeps the sign of a parallel component; the others
         // treat the axis as positive.
-        neg[a] = mode == OwnBoxMode::None ? L::lt(d, zero) : L::andNot(L::lt(d, zero), par);
+        neg[a] = mode == OwnBoxMode::None ? (d < zero) : ownAndNot(d < zero, par);
         if (mode == OwnBoxMode::None) continue;
-        const F t1 = (L::splat(box->maxCorner[a]) - r.o[a]) / d;
-        const F t2 = (L::splat(box->minCorner[a]) - r.o[a]) / d;
-        tNear = L::sel(par, tNear, L::max(tNear, L::min(t1, t2)));
-        tFar = L::sel(par, tFar, L::min(tFar, L::max(t1, t2)));
-        M miss = L::andNot(L::gt(tNear, tFar), par);
+        const F t1 = (F(box->maxCorner[a]) - r.o[a]) / d;
+        const F t2 = (F(box->minCorner[a]) - r.o[a]) / d;
+        tNear = ownSelect(par, tNear, ownMax(tNear, ownMin(t1, t2)));
+        tFar = ownSelect(par, tFar, ownMin(tFar, ownMax(t1, t2)));
+        M miss = ownAndNot(tNear > tFar, par);
         if (mode == OwnBoxMode::PerOrigin) {
-            const M inside = L::both(L::lt(L::splat(box->minCorner[a]), r.o[a]),
-                                     L::lt(r.o[a], L::splat(box->maxCorner[a])));
-            miss = L::either(miss, L::andNot(par, inside));
+            const M inside = ownAnd(F(box->minCorner[a]) < r.o[a], r.o[a] < F(box->maxCorner[a]));
+            miss = ownOr(miss, ownAndNot(par, inside));
         }
-        in = L::andNot(in, miss);
+        in = ownAndNot(in, miss);
     }
-    if (mode != OwnBoxMode::None) tFar = tFar + L::splat(kOwnIntervalExtension);
+    if (mode != OwnBoxMode::None) tFar = tFar + F(kOwnIntervalExtension);
     return in;
 }
 
@@ -174,13 +110,14 @@ inline typename L::M ownSetupRay(const VekrBoundBox* box, OwnRay<L>& r, typename
 // the three.
 template <class L>
 inline typename L::F ownBoxExit(const VekrBoundBox* box, const OwnRay<L>& r) {
-    typename L::F e[3];
+    using F = typename L::F;
+    F e[3];
     for (int a = 0; a < 3; ++a) {
-        const typename L::F t1 = (L::splat(box->maxCorner[a]) - r.o[a]) * r.inv[a];
-        const typename L::F t2 = (L::splat(box->minCorner[a]) - r.o[a]) * r.inv[a];
-        e[a] = L::max(t1, t2);
+        const F t1 = (F(box->maxCorner[a]) - r.o[a]) * r.inv[a];
+        const F t2 = (F(box->minCorner[a]) - r.o[a]) * r.inv[a];
+        e[a] = ownMax(t1, t2);
     }
-    return L::min(L::min(e[0], e[1]), e[2]);
+    return ownMin(ownMin(e[0], e[1]), e[2]);
 }
 
 // ---------------------------------------------------------------------------
@@ -201,19 +138,19 @@ inline void ownTriangleTest(const VekrTriangleAccel& R, const OwnRay<L>& r, OwnT
     using F = typename L::F;
     const int32_t w0 = R.axisCode;
     const int k = (w0 >> 4) & 3, u = (w0 >> 2) & 3, v = w0 & 3;
-    const F r1 = L::splat(R.normalU), r2 = L::splat(R.vertexK), r3 = L::splat(R.normalV);
+    const F r1 = F(R.normalU), r2 = F(R.vertexK), r3 = F(R.normalV);
     const F du = r.d[u], dv = r.d[v];
     const F det = r1 * du + r3 * dv + r.d[k];
-    const F pu = L::splat(R.vertexU) - r.o[u];
-    const F pv = L::splat(R.vertexV) - r.o[v];
+    const F pu = F(R.vertexU) - r.o[u];
+    const F pv = F(R.vertexV) - r.o[v];
     const F num = r2 + r1 * pu + r3 * pv - r.o[k];
     const F qu = du * num - pu * det;
     const F qv = dv * num - pv * det;
-    const F b = L::splat(R.edge2V) * qu - L::splat(R.edge2U) * qv;
-    const F g = L::splat(R.edge1U) * qv - L::splat(R.edge1V) * qu;
+    const F b = F(R.edge2V) * qu - F(R.edge2U) * qv;
+    const F g = F(R.edge1U) * qv - F(R.edge1V) * qu;
     const F a = det - b - g;
-    const F zero = L::splat(0.0f);
-    out.inside = L::both(L::both(L::ge(b * a, zero), L::ge(b * g, zero)), L::ge(a * g, zero));
+    const F zero = F(0.0f);
+    out.inside = ownAnd(ownAnd(b * a >= zero, b * g >= zero), a * g >= zero);
     out.det = det;
     out.t = num / det;
     out.b = b;
@@ -345,17 +282,17 @@ inline void ownWalk1(const VekrKDTreeNode* root, const VekrTriangleAccel* accel,
 // appears in no entry and is never resumed, with no bookkeeping needed.
 // `alive` holds the lanes still in play; its bits index the lanes.
 template <class P>
-inline void ownWalk4(const VekrKDTreeNode* root, const VekrTriangleAccel* accel, const OwnRay<OwnLane4>& r,
-                     const int sign[3], __m128 tNear, __m128 tFar, int alive, P& p) {
+inline void ownWalk4(const VekrKDTreeNode* root, const VekrTriangleAccel* accel, const OwnRay<OwnLane4<>>& r,
+                     const int sign[3], OwnF4 tNear, OwnF4 tFar, int alive, P& p) {
     struct Entry {
         const VekrKDTreeNode* node;
-        __m128 tFar;
+        OwnF4 tFar;
         int lanes;   // lanes resumed here
         int pushed;  // of those, lanes whose single-ray walk pushed this entry
     };
     Entry stack[kOwnStackSize];
     int top = 0;
-    const __m128 tol = _mm_set1_ps(P::kSplitTol);
+    const OwnF4 tol = OwnF4(P::kSplitTol);
     int active = alive;
     const VekrKDTreeNode* node = root;
     for (;;) {
@@ -363,20 +300,20 @@ inline void ownWalk4(const VekrKDTreeNode* root, const VekrTriangleAccel* accel,
         while (link >= 0) {
             const int axis = link & 3;
             const VekrKDTreeNode* pair = ownChildPair(node, link);
-            const __m128 split = _mm_set1_ps(ownBitsFloat(static_cast<uint32_t>(node->value)));
-            const __m128 t = _mm_mul_ps(_mm_sub_ps(split, r.o[axis]), r.inv[axis]);
+            const OwnF4 split = OwnF4(ownBitsFloat(static_cast<uint32_t>(node->value)));
+            const OwnF4 t = (split - r.o[axis]) * r.inv[axis];
             const VekrKDTreeNode* nearChild = pair + sign[axis];
             const VekrKDTreeNode* farChild = pair + (sign[axis] ^ 1);
-            const int farOnly = _mm_movemask_ps(_mm_cmpgt_ps(_mm_sub_ps(tNear, t), tol)) & active;
+            const int farOnly = ownMoveMask(tNear - t > tol) & active;
             const int nearLanes = active & ~farOnly;
             if (nearLanes == 0) {
                 node = farChild;
             } else {
-                const int bothSides = nearLanes & ~_mm_movemask_ps(_mm_cmpgt_ps(_mm_sub_ps(t, tFar), tol));
+                const int bothSides = nearLanes & ~ownMoveMask(t - tFar > tol);
                 if (bothSides | farOnly) {
                     if (top < kOwnStackSize) stack[top++] = Entry{farChild, tFar, bothSides | farOnly, bothSides};
-                    const __m128 narrowed = _mm_max_ps(tNear, _mm_min_ps(t, tFar));
-                    tFar = OwnLane4::sel(ownLaneMask(bothSides), narrowed, tFar);
+                    const OwnF4 narrowed = ownMax(tNear, ownMin(t, tFar));
+                    tFar = ownSelect(ownLaneMask(bothSides), narrowed, tFar);
                 }
                 active = nearLanes;
                 node = nearChild;
@@ -388,9 +325,9 @@ inline void ownWalk4(const VekrKDTreeNode* root, const VekrTriangleAccel* accel,
         ownForEachLeafTriangle(node, [&](int32_t j) {
             const VekrTriangleAccel& R = accel[j];
             if (p.skip(j, R)) return false;
-            OwnTriTerms<OwnLane4> terms;
+            OwnTriTerms<OwnLane4<>> terms;
             ownTriangleTest(R, r, terms);
-            const int fin = _mm_movemask_ps(p.consider(j, ownLaneMask(active & ~done), terms));
+            const int fin = ownMoveMask(p.consider(j, ownLaneMask(active & ~done), terms));
             done |= fin;
             return (active & ~done) == 0;
         });
@@ -398,16 +335,16 @@ inline void ownWalk4(const VekrKDTreeNode* root, const VekrTriangleAccel* accel,
         active &= ~done;
         if (active) {
             // Lanes whose processed interval reaches their hit distance are done.
-            const int fin = active & _mm_movemask_ps(_mm_cmpge_ps(tFar, p.bound()));
+            const int fin = active & ownMoveMask(tFar >= p.bound());
             alive &= ~fin;
-            tNear = OwnLane4::sel(ownLaneMask(active & ~fin), tFar, tNear);
+            tNear = ownSelect(ownLaneMask(active & ~fin), tFar, tNear);
         }
         for (;;) {
             if (top == 0) return;
             const Entry& e = stack[--top];
             active = e.lanes & alive;
             if (active) {
-                tFar = OwnLane4::sel(ownLaneMask(e.pushed & active), e.tFar, tFar);
+                tFar = ownSelect(ownLaneMask(e.pushed & active), e.tFar, tFar);
                 node = e.node;
                 break;
             }
@@ -417,9 +354,9 @@ inline void ownWalk4(const VekrKDTreeNode* root, const VekrTriangleAccel* accel,
 
 // The common sign of four lanes on each axis, from the per-lane negative
 // flags. Returns false when the lanes in `lanes` disagree on some axis.
-inline bool ownCommonSigns(const __m128 neg[3], int lanes, int sign[3]) {
+inline bool ownCommonSigns(const OwnM4 neg[3], int lanes, int sign[3]) {
     for (int a = 0; a < 3; ++a) {
-        const int n = _mm_movemask_ps(neg[a]) & lanes;
+        const int n = ownMoveMask(neg[a]) & lanes;
         if (n == 0) sign[a] = 0;
         else if (n == lanes) sign[a] = 1;
         else return false;

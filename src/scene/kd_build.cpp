@@ -3,11 +3,10 @@
 // straddling triangles) and the writing of the position-independent block.
 #include "scene/kd_build.h"
 
-#include <emmintrin.h>
-
 #include <algorithm>
 #include <cmath>
 
+#include "core/lanes.h"
 #include "scene/sah_split.h"
 
 namespace {
@@ -47,6 +46,14 @@ using vekr::ownBitsFloat;
 using vekr::ownFloatBits;
 using vekr::OwnSplit;
 using vekr::OwnTriEntry;
+using vekr::OwnD2;
+using vekr::ownLoadLow;
+using vekr::ownLoadU;
+using vekr::ownMax;
+using vekr::ownMin;
+using vekr::ownPrefetch;
+using vekr::ownStoreLow;
+using vekr::ownStoreU;
 
 // Budget arithmetic. The up-front test asks for 84 bytes per triangle (twelve
 // 4-byte arrays and one 36-byte working record), 12 per vertex and two spare
@@ -253,15 +260,15 @@ const OwnPolygon* ownClipPlane(const OwnPolygon* in, OwnPolygon* out, int* pN, i
         const double dp = dist[i], dq = dist[iq];
         // x and y in one register, z apart: the same operations per
         // coordinate.
-        const __m128d pxy = _mm_loadu_pd(p);
+        const OwnD2 pxy = ownLoadU(p);
         if (dp >= 0.0) {
-            _mm_storeu_pd(out->v[m], pxy);
+            ownStoreU(out->v[m], pxy);
             out->v[m][2] = p[2];
             ++m;
         }
         if ((dp >= 0.0) != (dq >= 0.0)) {
             const double t = dp / (dp - dq);
-            _mm_storeu_pd(out->v[m], _mm_add_pd(pxy, _mm_mul_pd(_mm_set1_pd(t), _mm_sub_pd(_mm_loadu_pd(q), pxy))));
+            ownStoreU(out->v[m], pxy + OwnD2(t) * (ownLoadU(q) - pxy));
             out->v[m][2] = p[2] + t * (q[2] - p[2]);
             out->v[m][a] = plane;
             ++m;
@@ -292,23 +299,23 @@ const OwnPolygon* ownClipAxes(const OwnPolygon* poly, OwnPolygon scratch[2], int
 // The extent of a clipped polygon, rounded outwards and kept inside the box.
 void ownPolygonExtent(const OwnPolygon* poly, int n, const float lo[3], const float hi[3], float outLo[3],
                       float outHi[3]) {
-    // The least and greatest coordinate per axis, x and y in one register:
-    // min_pd(v, mn) is v < mn ? v : mn, as std::min(mn, v), and likewise
-    // max_pd for std::max.
-    __m128d mnXY = _mm_loadu_pd(poly->v[0]), mxXY = mnXY;
-    __m128d mnZ = _mm_load_sd(poly->v[0] + 2), mxZ = mnZ;
+    // The least and greatest coordinate per axis, x and y in one register, z
+    // in lane 0 of another: ownMin(v, mn) is v < mn ? v : mn, as
+    // std::min(mn, v), and likewise ownMax for std::max.
+    OwnD2 mnXY = ownLoadU(poly->v[0]), mxXY = mnXY;
+    OwnD2 mnZ = ownLoadLow(poly->v[0] + 2), mxZ = mnZ;
     for (int i = 1; i < n; ++i) {
-        const __m128d xy = _mm_loadu_pd(poly->v[i]), z = _mm_load_sd(poly->v[i] + 2);
-        mnXY = _mm_min_pd(xy, mnXY);
-        mxXY = _mm_max_pd(xy, mxXY);
-        mnZ = _mm_min_sd(z, mnZ);
-        mxZ = _mm_max_sd(z, mxZ);
+        const OwnD2 xy = ownLoadU(poly->v[i]), z = ownLoadLow(poly->v[i] + 2);
+        mnXY = ownMin(xy, mnXY);
+        mxXY = ownMax(xy, mxXY);
+        mnZ = ownMin(z, mnZ);
+        mxZ = ownMax(z, mxZ);
     }
     double mn[3], mx[3];
-    _mm_storeu_pd(mn, mnXY);
-    _mm_storeu_pd(mx, mxXY);
-    _mm_store_sd(mn + 2, mnZ);
-    _mm_store_sd(mx + 2, mxZ);
+    ownStoreU(mn, mnXY);
+    ownStoreU(mx, mxXY);
+    ownStoreLow(mn + 2, mnZ);
+    ownStoreLow(mx + 2, mxZ);
     for (int a = 0; a < 3; ++a) {
         outLo[a] = ownCanonical(ownClamp(ownFloatDown(mn[a]), lo[a], hi[a]));
         outHi[a] = ownCanonical(ownClamp(ownFloatUp(mx[a]), lo[a], hi[a]));
@@ -440,9 +447,6 @@ int ownRootEntries(OwnTriEntry* out, const float* pVertices, const int* pTriangl
     }
     return kept;
 }
-
-// A hint to fetch the cache line at p (no effect on results).
-inline void ownPrefetch(const void* p) { _mm_prefetch(static_cast<const char*>(p), _MM_HINT_T0); }
 
 // A pending node of the subdivision: its working node, box, entries and the
 // number of triangles with extent along each axis (which, with the count,

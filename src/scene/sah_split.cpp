@@ -5,11 +5,12 @@
 // fast kd-trees for ray tracing, and on doing that in O(N log N)", 2006).
 #include "scene/sah_split.h"
 
-#include <emmintrin.h>
 #include <omp.h>
 
 #include <algorithm>
 #include <cmath>
+
+#include "core/lanes.h"
 
 namespace vekr {
 namespace {
@@ -225,71 +226,62 @@ double ownSweepExtended(const std::uint64_t* it, int m, float la, float ha, doub
 double ownSweepExtendedSse2(const std::uint64_t* it, int m, float la, float ha, double K, OwnAxisResult* r) {
     const int len = 2 * m;
     const double seed = ownPrice(ownKeyFloat(ownItemKey(it[0])), la, ha, K, 0, m);
-    __m128d bestLo = _mm_set1_pd(seed), bestHi = bestLo;
+    OwnD4 best4(seed);
     // The step (k / 4) of each lane's best. Steps only grow, so taking the
     // current step where it is cheaper is max(at, lt & step).
-    __m128d atLo = _mm_setzero_pd(), atHi = atLo;
-    __m128d stepV = _mm_setzero_pd();
-    const __m128d one = _mm_set1_pd(1.0);
-    const __m128d Kv = _mm_set1_pd(K);
-    const __m128 laV = _mm_set1_ps(la), haV = _mm_set1_ps(ha);
-    const __m128i ones = _mm_set1_epi32(-1), sign = _mm_set1_epi32(static_cast<int>(0x80000000u));
-    __m128i before = _mm_setzero_si128();                       // starts before the step, each lane
-    __m128i rest = _mm_setr_epi32(m - 1, m - 2, m - 3, m - 4);  // m - 1 - k
+    OwnD4 at4(0.0);
+    OwnD2 stepV(0.0);
+    const OwnD2 one(1.0);
+    const OwnD4 Kv(K);
+    const OwnF4 laV(la), haV(ha);
+    const OwnI4 ones(-1), sign(static_cast<int>(0x80000000u));
+    OwnI4 before(0);                                    // starts before the step, each lane
+    OwnI4 rest = ownSetLanes(m - 1, m - 2, m - 3, m - 4);  // m - 1 - k
     int k = 0;
     for (; k + 4 <= len; k += 4) {
-        const __m128 a = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(it + k)));
-        const __m128 b = _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(it + k + 2)));
-        const __m128i keys = _mm_castps_si128(_mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
-        const __m128i low = _mm_castps_si128(_mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0)));
+        const OwnF4 a = ownAsF4(ownLoadU(reinterpret_cast<const std::int32_t*>(it + k)));
+        const OwnF4 b = ownAsF4(ownLoadU(reinterpret_cast<const std::int32_t*>(it + k + 2)));
+        const OwnI4 keys = ownAsI4(ownOddLanes(a, b));
+        const OwnI4 low = ownAsI4(ownEvenLanes(a, b));
         // Starts up to and including each event (a prefix sum over the lanes).
-        const __m128i start = _mm_srli_epi32(low, 31);
-        __m128i upTo = _mm_add_epi32(start, _mm_slli_si128(start, 4));
-        upTo = _mm_add_epi32(upTo, _mm_slli_si128(upTo, 8));
-        upTo = _mm_add_epi32(upTo, before);
-        const __m128i below = _mm_sub_epi32(upTo, start);
-        const __m128i above = _mm_add_epi32(upTo, rest);
-        before = _mm_shuffle_epi32(upTo, _MM_SHUFFLE(3, 3, 3, 3));
-        rest = _mm_sub_epi32(rest, _mm_set1_epi32(4));
+        const OwnI4 start = ownShiftRight<31>(low);
+        OwnI4 upTo = start + ownShiftLanesUp<1>(start);
+        upTo = upTo + ownShiftLanesUp<2>(upTo);
+        upTo = upTo + before;
+        const OwnI4 below = upTo - start;
+        const OwnI4 above = upTo + rest;
+        before = ownBroadcastLane<3>(upTo);
+        rest = rest - OwnI4(4);
         // Keys back to floats (the inverse of ownKey), then the prices as in
         // ownPrice, two events per register.
-        const __m128i flip = _mm_or_si128(_mm_andnot_si128(_mm_srai_epi32(keys, 31), ones), sign);
-        const __m128 x = _mm_castsi128_ps(_mm_xor_si128(keys, flip));
-        const __m128 wlf = _mm_sub_ps(x, laV), wrf = _mm_sub_ps(haV, x);
-        const __m128d wlLo = _mm_add_pd(_mm_cvtps_pd(wlf), Kv);
-        const __m128d wlHi = _mm_add_pd(_mm_cvtps_pd(_mm_movehl_ps(wlf, wlf)), Kv);
-        const __m128d wrLo = _mm_add_pd(_mm_cvtps_pd(wrf), Kv);
-        const __m128d wrHi = _mm_add_pd(_mm_cvtps_pd(_mm_movehl_ps(wrf, wrf)), Kv);
-        const __m128d blLo = _mm_cvtepi32_pd(below);
-        const __m128d blHi = _mm_cvtepi32_pd(_mm_shuffle_epi32(below, _MM_SHUFFLE(3, 2, 3, 2)));
-        const __m128d abLo = _mm_cvtepi32_pd(above);
-        const __m128d abHi = _mm_cvtepi32_pd(_mm_shuffle_epi32(above, _MM_SHUFFLE(3, 2, 3, 2)));
-        const __m128d cLo = _mm_add_pd(_mm_mul_pd(blLo, wlLo), _mm_mul_pd(abLo, wrLo));
-        const __m128d cHi = _mm_add_pd(_mm_mul_pd(blHi, wlHi), _mm_mul_pd(abHi, wrHi));
-        // Per lane: take the event when strictly cheaper (min_pd(c, best) is
+        const OwnI4 flip = ownAndNot(ones, ownShiftRightArith<31>(keys)) | sign;
+        const OwnF4 x = ownAsF4(keys ^ flip);
+        const OwnD4 wl = ownWiden(x - laV) + Kv, wr = ownWiden(haV - x) + Kv;
+        const OwnD4 c = ownToDouble(below) * wl + ownToDouble(above) * wr;
+        // Per lane: take the event when strictly cheaper (ownMin(c, best) is
         // c < best ? c : best, NaN included).
-        const __m128d ltLo = _mm_cmplt_pd(cLo, bestLo), ltHi = _mm_cmplt_pd(cHi, bestHi);
-        bestLo = _mm_min_pd(cLo, bestLo);
-        bestHi = _mm_min_pd(cHi, bestHi);
-        atLo = _mm_max_pd(atLo, _mm_and_pd(ltLo, stepV));
-        atHi = _mm_max_pd(atHi, _mm_and_pd(ltHi, stepV));
-        stepV = _mm_add_pd(stepV, one);
+        const OwnMD4 lt = c < best4;
+        best4 = ownMin(c, best4);
+        at4 = ownMax(at4, ownKeep(lt, ownBroadcast(stepV)));
+        stepV = stepV + one;
     }
     // The least (price, k) of the four lanes, without a branch: lanes are
-    // compared by price, then by event index k = 4 * step + lane.
-    const __m128d four = _mm_set1_pd(4.0);
-    __m128d kLo = _mm_add_pd(_mm_mul_pd(atLo, four), _mm_setr_pd(0.0, 1.0));
-    const __m128d kHi = _mm_add_pd(_mm_mul_pd(atHi, four), _mm_setr_pd(2.0, 3.0));
-    __m128d takeHi =
-        _mm_or_pd(_mm_cmplt_pd(bestHi, bestLo), _mm_and_pd(_mm_cmpeq_pd(bestHi, bestLo), _mm_cmplt_pd(kHi, kLo)));
-    bestLo = _mm_or_pd(_mm_and_pd(takeHi, bestHi), _mm_andnot_pd(takeHi, bestLo));
-    kLo = _mm_or_pd(_mm_and_pd(takeHi, kHi), _mm_andnot_pd(takeHi, kLo));
-    const __m128d best1 = _mm_unpackhi_pd(bestLo, bestLo), k1 = _mm_unpackhi_pd(kLo, kLo);
-    takeHi = _mm_or_pd(_mm_cmplt_sd(best1, bestLo), _mm_and_pd(_mm_cmpeq_sd(best1, bestLo), _mm_cmplt_sd(k1, kLo)));
-    double best = _mm_cvtsd_f64(_mm_or_pd(_mm_and_pd(takeHi, best1), _mm_andnot_pd(takeHi, bestLo)));
-    int at = static_cast<int>(_mm_cvtsd_f64(_mm_or_pd(_mm_and_pd(takeHi, k1), _mm_andnot_pd(takeHi, kLo))));
+    // compared by price, then by event index k = 4 * step + lane. The last
+    // comparison uses lane 0 only.
+    const OwnD2 four(4.0);
+    OwnD2 bestLo = ownLowPair(best4);
+    const OwnD2 bestHi = ownHighPair(best4);
+    OwnD2 kLo = ownLowPair(at4) * four + ownSetLanes(0.0, 1.0);
+    const OwnD2 kHi = ownHighPair(at4) * four + ownSetLanes(2.0, 3.0);
+    OwnMD2 takeHi = ownOr(bestHi < bestLo, ownAnd(bestHi == bestLo, kHi < kLo));
+    bestLo = ownSelect(takeHi, bestHi, bestLo);
+    kLo = ownSelect(takeHi, kHi, kLo);
+    const OwnD2 best1 = ownInterleaveHi(bestLo, bestLo), k1 = ownInterleaveHi(kLo, kLo);
+    takeHi = ownOr(best1 < bestLo, ownAnd(best1 == bestLo, k1 < kLo));
+    double best = ownLane0(ownSelect(takeHi, best1, bestLo));
+    int at = static_cast<int>(ownLane0(ownSelect(takeHi, k1, kLo)));
     // The last events (fewer than four), later than every lane's.
-    int starts = _mm_cvtsi128_si32(before);
+    int starts = ownLane0(before);
     for (; k < len; ++k) {
         const int start = ownItemKind(it[k]) == kKindStart;
         const double c = ownPrice(ownKeyFloat(ownItemKey(it[k])), la, ha, K, starts, m - (k + 1 - starts - start));

@@ -1,8 +1,7 @@
 // Evaluation of the real spherical-harmonic basis for batches of directions:
 // the closed-form evaluators (generated, one per band), the band recurrence
 // over a state's tables, and the entry points vekrSH_32f and vekrSHBand_32f.
-#include <emmintrin.h>
-
+#include "core/lanes.h"
 #include "sh/sh_internal.h"
 
 namespace vekr {
@@ -10,35 +9,10 @@ namespace {
 
 // ---------------------------------------------------------------------------
 // Lane types. The kernels are written once over a lane type: a plain double
-// or float for the scalar path, and a vector type with the same operators for
-// the four-direction vector path. Each operator is one IEEE operation per
-// lane, so both paths give the same bits.
+// or float for the scalar path, and OwnD4 or OwnF4 (core/lanes.h) with the
+// same operators for the four-direction vector path. Each operator is one
+// IEEE operation per lane, so both paths give the same bits.
 // ---------------------------------------------------------------------------
-
-// Four doubles in two SSE2 registers (directions 0-1 and 2-3 of a block).
-struct OwnD4 {
-    __m128d lo, hi;
-    OwnD4() = default;
-    explicit OwnD4(double v) : lo(_mm_set1_pd(v)), hi(_mm_set1_pd(v)) {}
-    OwnD4(__m128d l, __m128d h) : lo(l), hi(h) {}
-};
-inline OwnD4 operator+(const OwnD4& a, const OwnD4& b) { return {_mm_add_pd(a.lo, b.lo), _mm_add_pd(a.hi, b.hi)}; }
-inline OwnD4 operator-(const OwnD4& a, const OwnD4& b) { return {_mm_sub_pd(a.lo, b.lo), _mm_sub_pd(a.hi, b.hi)}; }
-inline OwnD4 operator*(const OwnD4& a, const OwnD4& b) { return {_mm_mul_pd(a.lo, b.lo), _mm_mul_pd(a.hi, b.hi)}; }
-
-// Four floats in one SSE register.
-struct OwnF4 {
-    __m128 v;
-    OwnF4() = default;
-    explicit OwnF4(float f) : v(_mm_set1_ps(f)) {}
-    explicit OwnF4(__m128 a) : v(a) {}
-};
-inline OwnF4 operator+(const OwnF4& a, const OwnF4& b) { return OwnF4(_mm_add_ps(a.v, b.v)); }
-inline OwnF4 operator-(const OwnF4& a, const OwnF4& b) { return OwnF4(_mm_sub_ps(a.v, b.v)); }
-inline OwnF4 operator*(const OwnF4& a, const OwnF4& b) { return OwnF4(_mm_mul_ps(a.v, b.v)); }
-
-// Widens four floats to four doubles.
-inline OwnD4 ownWiden(__m128 f) { return {_mm_cvtps_pd(f), _mm_cvtps_pd(_mm_movehl_ps(f, f))}; }
 
 // ---------------------------------------------------------------------------
 // Closed form.
@@ -63,12 +37,12 @@ inline OwnSHDir<double> ownSHLoad(float x, float y, float z) {
     return d;
 }
 
-inline OwnSHDir<OwnD4> ownSHLoad(__m128 x, __m128 y, __m128 z) {
+inline OwnSHDir<OwnD4> ownSHLoad(OwnF4 x, OwnF4 y, OwnF4 z) {
     OwnSHDir<OwnD4> d;
     d.x = ownWiden(x);
     d.y = ownWiden(y);
     d.z = ownWiden(z);
-    d.z2 = ownWiden(_mm_mul_ps(z, z));
+    d.z2 = ownWiden(z * z);
     return d;
 }
 
@@ -96,7 +70,7 @@ struct OwnSHOut4 {
     float* p;
     OwnSHOut4 at(int k) const { return {p + 4 * k}; }
     void put(int k, const OwnD4& v) const {
-        _mm_storeu_ps(p + 4 * k, _mm_movelh_ps(_mm_cvtpd_ps(v.lo), _mm_cvtpd_ps(v.hi)));
+        ownStoreU(p + 4 * k, ownNarrow(v));
     }
 };
 
@@ -146,15 +120,15 @@ inline void ownSHClosedForm(OwnSHDir<T>& d, std::uint32_t order, const Out& out)
 inline void ownSHScatter4(const float* s, int n, float* dst) {
     if ((n & 3) == 0) {
         for (int k = 0; k < n; k += 4) {
-            __m128 r0 = _mm_loadu_ps(s + 4 * k);
-            __m128 r1 = _mm_loadu_ps(s + 4 * k + 4);
-            __m128 r2 = _mm_loadu_ps(s + 4 * k + 8);
-            __m128 r3 = _mm_loadu_ps(s + 4 * k + 12);
-            _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-            _mm_storeu_ps(dst + k, r0);
-            _mm_storeu_ps(dst + n + k, r1);
-            _mm_storeu_ps(dst + 2 * n + k, r2);
-            _mm_storeu_ps(dst + 3 * n + k, r3);
+            OwnF4 r0 = ownLoadU(s + 4 * k);
+            OwnF4 r1 = ownLoadU(s + 4 * k + 4);
+            OwnF4 r2 = ownLoadU(s + 4 * k + 8);
+            OwnF4 r3 = ownLoadU(s + 4 * k + 12);
+            ownTranspose(r0, r1, r2, r3);
+            ownStoreU(dst + k, r0);
+            ownStoreU(dst + n + k, r1);
+            ownStoreU(dst + 2 * n + k, r2);
+            ownStoreU(dst + 3 * n + k, r3);
         }
         return;
     }
@@ -174,7 +148,7 @@ void ownSHDirect4(const float* pX, const float* pY, const float* pZ, int count, 
     const int n = static_cast<int>((order + 1) * (order + 1));
     float block[4 * kSHMaxCoeffs];
     for (int i = 0; i < count; i += 4) {
-        OwnSHDir<OwnD4> d = ownSHLoad(_mm_loadu_ps(pX + i), _mm_loadu_ps(pY + i), _mm_loadu_ps(pZ + i));
+        OwnSHDir<OwnD4> d = ownSHLoad(ownLoadU(pX + i), ownLoadU(pY + i), ownLoadU(pZ + i));
         ownSHClosedForm(d, order, OwnSHOut4{block});
         ownSHScatter4(block, n, pDst + static_cast<std::ptrdiff_t>(i) * n);
     }
@@ -193,8 +167,8 @@ struct OwnSHRec1 {
 };
 struct OwnSHRec4 {
     float* p;
-    OwnF4 get(int k) const { return OwnF4(_mm_loadu_ps(p + 4 * k)); }
-    void set(int k, const OwnF4& v) const { _mm_storeu_ps(p + 4 * k, v.v); }
+    OwnF4 get(int k) const { return ownLoadU(p + 4 * k); }
+    void set(int k, const OwnF4& v) const { ownStoreU(p + 4 * k, v); }
 };
 
 template <class F, class Rec>
@@ -241,7 +215,7 @@ void ownSHRecurrence4(const float* pX, const float* pY, const float* pZ, int cou
     const int n = static_cast<int>((order + 1) * (order + 1));
     float block[4 * kSHMaxCoeffs];
     for (int i = 0; i < count; i += 4) {
-        ownSHRecurrence(OwnF4(_mm_loadu_ps(pX + i)), OwnF4(_mm_loadu_ps(pY + i)), OwnF4(_mm_loadu_ps(pZ + i)),
+        ownSHRecurrence(ownLoadU(pX + i), ownLoadU(pY + i), ownLoadU(pZ + i),
                         pState->pFactorA, pState->pFactorB, order, OwnSHRec4{block});
         ownSHScatter4(block, n, pDst + static_cast<std::ptrdiff_t>(i) * n);
     }
@@ -323,7 +297,7 @@ template <int L>
 void ownSHBandBatch4(const float* pX, const float* pY, const float* pZ, int count, float* pDst) {
     float block[4 * (2 * kSHMaxOrder + 1)];
     for (int i = 0; i < count; i += 4) {
-        OwnSHDir<OwnD4> d = ownSHLoad(_mm_loadu_ps(pX + i), _mm_loadu_ps(pY + i), _mm_loadu_ps(pZ + i));
+        OwnSHDir<OwnD4> d = ownSHLoad(ownLoadU(pX + i), ownLoadU(pY + i), ownLoadU(pZ + i));
         ownSHOneBand<L>(d, OwnSHOut4{block});
         ownSHScatter4(block, 2 * L + 1, pDst);
         pDst += 4 * (2 * L + 1);

@@ -1,10 +1,10 @@
 // Forward and inverse spherical-harmonic transforms: projection of sampled
 // values onto the basis (accumulated into coefficient vectors) and
 // reconstruction of values from coefficients, one direction at a time.
-#include <emmintrin.h>
 
 #include <cstring>
 
+#include "core/lanes.h"
 #include "sh/sh_internal.h"
 
 namespace vekr {
@@ -65,13 +65,13 @@ inline void ownSHAccumulate(const float* scaled, int n, float* pCoeffs) {
 // independent chains hide the latency of the additions; the vector loop below
 // is this order four lanes at a time (unaligned loads, any n).
 inline float ownSHDot(const float* b, const float* c, int n) {
-    __m128 acc[4] = {_mm_setzero_ps(), _mm_setzero_ps(), _mm_setzero_ps(), _mm_setzero_ps()};
+    OwnF4 acc[4] = {OwnF4(0.0f), OwnF4(0.0f), OwnF4(0.0f), OwnF4(0.0f)};
     int k = 0;
     for (; k + 16 <= n; k += 16)
         for (int j = 0; j < 4; ++j)
-            acc[j] = _mm_add_ps(acc[j], _mm_mul_ps(_mm_loadu_ps(b + k + 4 * j), _mm_loadu_ps(c + k + 4 * j)));
+            acc[j] = acc[j] + ownLoadU(b + k + 4 * j) * ownLoadU(c + k + 4 * j);
     float s[16];
-    for (int j = 0; j < 4; ++j) _mm_storeu_ps(s + 4 * j, acc[j]);
+    for (int j = 0; j < 4; ++j) ownStoreU(s + 4 * j, acc[j]);
     for (; k < n; ++k) s[k & 15] = s[k & 15] + b[k] * c[k];
     float t[4];
     for (int j = 0; j < 4; ++j) t[j] = (s[j] + s[j + 4]) + (s[j + 8] + s[j + 12]);

@@ -18,7 +18,7 @@ constexpr float kSmoothNormalLimit = 1.1920929e-7f;
 constexpr double kTriangleNormalLimit = 2.220446049250313e-16;
 
 // Where a hit point's origin comes from: one point for every ray...
-struct ownSingleOrigin {
+struct OwnSingleOrigin {
     float p[3];
     template <class IO>
     OWN_LANE typename IO::F at(IO, int, int c) const {
@@ -26,8 +26,8 @@ struct ownSingleOrigin {
     }
 };
 // ...or one point per ray (three planes).
-struct ownRayOrigins {
-    ownP3<const float> p;
+struct OwnRayOrigins {
+    OwnP3<const float> p;
     template <class IO>
     OWN_LANE typename IO::F at(IO, int i, int c) const {
         return IO::load(p.c[c] + i);
@@ -69,7 +69,7 @@ OWN_LANE void ownFlatNormal(IO, int i, const float* triNorm, const std::int32_t*
             return IO::template pick<allHit.value>(t, triNorm, offset, kZeroNormal);
         });
     };
-    if (IO::allHit(IO::loadI(triIndex + i)))
+    if (IO::allNonNegative(IO::loadI(triIndex + i)))
         gather(std::true_type{});
     else
         gather(std::false_type{});
@@ -107,7 +107,7 @@ OWN_LANE void ownSmoothNormal(IO, int i, const float* vertNorm, const std::int32
         IO::gather3(nC, [&](int k) OWN_KERNEL { return vertexOf(k, 2); });
     };
     const typename IO::I t = IO::loadI(triIndex + i);
-    if (IO::allHit(t))
+    if (IO::allNonNegative(t))
         gather(std::true_type{});
     else
         gather(std::false_type{});
@@ -128,6 +128,16 @@ OWN_LANE void ownSmoothNormal(IO, int i, const float* vertNorm, const std::int32
     IO::store(norm[2] + i, ownSelect(keep, sz / r, zero));
 }
 
+// n = e0 x e1 and q = |n|^2 = (nx nx + ny ny) + nz nz, for one triangle in
+// double or for two in OwnD2 lanes: the same operations in the same order.
+template <class D>
+OWN_LANE void ownCrossNorm(D x0, D y0, D z0, D x1, D y1, D z1, D& nx, D& ny, D& nz, D& q) {
+    nx = y0 * z1 - z0 * y1;
+    ny = z0 * x1 - x0 * z1;
+    nz = x0 * y1 - y0 * x1;
+    q = (nx * nx + ny * ny) + nz * nz;
+}
+
 // One triangle's unit normal, in double precision so that thin triangles keep
 // an accurate direction: n = (p0 - p2) x (p1 - p2), n / |n| rounded to float,
 // or (0, 0, 0) when |n|^2 is below the double epsilon.
@@ -138,8 +148,8 @@ void ownTriangleNormal(const float* vert, const std::int32_t* tri, float* out) {
     auto d = [](float f) { return static_cast<double>(f); };
     const double e0x = d(p0[0]) - d(p2[0]), e0y = d(p0[1]) - d(p2[1]), e0z = d(p0[2]) - d(p2[2]);
     const double e1x = d(p1[0]) - d(p2[0]), e1y = d(p1[1]) - d(p2[1]), e1z = d(p1[2]) - d(p2[2]);
-    const double nx = e0y * e1z - e0z * e1y, ny = e0z * e1x - e0x * e1z, nz = e0x * e1y - e0y * e1x;
-    const double q = (nx * nx + ny * ny) + nz * nz;
+    double nx, ny, nz, q;
+    ownCrossNorm(e0x, e0y, e0z, e1x, e1y, e1z, nx, ny, nz, q);
     if (q < kTriangleNormalLimit) {
         out[0] = out[1] = out[2] = 0.0f;
         return;
@@ -150,23 +160,24 @@ void ownTriangleNormal(const float* vert, const std::int32_t* tri, float* out) {
     out[2] = static_cast<float>(nz / r);
 }
 
-// Vertex p as (x, y) and (z, 0) in double.
-OWN_LANE void ownLoadVertexPD(const float* p, __m128d& xy, __m128d& z) {
-    xy = _mm_cvtps_pd(_mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p))));
-    z = _mm_cvtps_pd(_mm_load_ss(p + 2));
+// Vertex p as (x, y) and (z, 0) in double: x and y with one 8-byte load, z
+// with a 4-byte load (never past the third float).
+OWN_LANE void ownLoadVertexPD(const float* p, OwnD2& xy, OwnD2& z) {
+    xy = ownWidenLow(ownAsF4(ownLoadLow64(p)));
+    z = ownWidenLow(ownLoadLow(p + 2));
 }
 
 // e0 = p0 - p2 and e1 = p1 - p2 of one triangle, as (x, y) and (z, 0) pairs.
-OWN_LANE void ownEdgesPD(const float* vert, const std::int32_t* tri, __m128d& e0xy, __m128d& e0z, __m128d& e1xy,
-                         __m128d& e1z) {
-    __m128d p0xy, p0z, p1xy, p1z, p2xy, p2z;
+OWN_LANE void ownEdgesPD(const float* vert, const std::int32_t* tri, OwnD2& e0xy, OwnD2& e0z, OwnD2& e1xy,
+                         OwnD2& e1z) {
+    OwnD2 p0xy, p0z, p1xy, p1z, p2xy, p2z;
     ownLoadVertexPD(vert + 3 * static_cast<std::ptrdiff_t>(tri[0]), p0xy, p0z);
     ownLoadVertexPD(vert + 3 * static_cast<std::ptrdiff_t>(tri[1]), p1xy, p1z);
     ownLoadVertexPD(vert + 3 * static_cast<std::ptrdiff_t>(tri[2]), p2xy, p2z);
-    e0xy = _mm_sub_pd(p0xy, p2xy);
-    e0z = _mm_sub_pd(p0z, p2z);
-    e1xy = _mm_sub_pd(p1xy, p2xy);
-    e1z = _mm_sub_pd(p1z, p2z);
+    e0xy = p0xy - p2xy;
+    e0z = p0z - p2z;
+    e1xy = p1xy - p2xy;
+    e1z = p1z - p2z;
 }
 
 // Two triangles at once, A in the low and B in the high double of each
@@ -174,27 +185,25 @@ OWN_LANE void ownEdgesPD(const float* vert, const std::int32_t* tri, __m128d& e0
 // ownTriangleNormal, so the same bits, with half the square roots and
 // divisions issued.
 OWN_LANE void ownTriangleNormalPair(const float* vert, const std::int32_t* tri, float* out) {
-    __m128d a0xy, a0z, a1xy, a1z, b0xy, b0z, b1xy, b1z;
+    OwnD2 a0xy, a0z, a1xy, a1z, b0xy, b0z, b1xy, b1z;
     ownEdgesPD(vert, tri, a0xy, a0z, a1xy, a1z);
     ownEdgesPD(vert, tri + 4, b0xy, b0z, b1xy, b1z);
     // Component-major: x0 holds e0.x of triangle A and of triangle B, and so on.
-    const __m128d x0 = _mm_unpacklo_pd(a0xy, b0xy), y0 = _mm_unpackhi_pd(a0xy, b0xy), z0 = _mm_unpacklo_pd(a0z, b0z);
-    const __m128d x1 = _mm_unpacklo_pd(a1xy, b1xy), y1 = _mm_unpackhi_pd(a1xy, b1xy), z1 = _mm_unpacklo_pd(a1z, b1z);
-    const __m128d nx = _mm_sub_pd(_mm_mul_pd(y0, z1), _mm_mul_pd(z0, y1));
-    const __m128d ny = _mm_sub_pd(_mm_mul_pd(z0, x1), _mm_mul_pd(x0, z1));
-    const __m128d nz = _mm_sub_pd(_mm_mul_pd(x0, y1), _mm_mul_pd(y0, x1));
-    const __m128d q = _mm_add_pd(_mm_add_pd(_mm_mul_pd(nx, nx), _mm_mul_pd(ny, ny)), _mm_mul_pd(nz, nz));
+    const OwnD2 x0 = ownInterleaveLo(a0xy, b0xy), y0 = ownInterleaveHi(a0xy, b0xy), z0 = ownInterleaveLo(a0z, b0z);
+    const OwnD2 x1 = ownInterleaveLo(a1xy, b1xy), y1 = ownInterleaveHi(a1xy, b1xy), z1 = ownInterleaveLo(a1z, b1z);
+    OwnD2 nx, ny, nz, q;
+    ownCrossNorm(x0, y0, z0, x1, y1, z1, nx, ny, nz, q);
     // "not below the limit", true for a NaN q as in the scalar test.
-    const __m128d keep = _mm_cmpnlt_pd(q, _mm_set1_pd(kTriangleNormalLimit));
-    const __m128d r = _mm_sqrt_pd(q);
-    const __m128 fx = _mm_cvtpd_ps(_mm_and_pd(keep, _mm_div_pd(nx, r)));  // xA xB 0 0
-    const __m128 fy = _mm_cvtpd_ps(_mm_and_pd(keep, _mm_div_pd(ny, r)));
-    const __m128 fz = _mm_cvtpd_ps(_mm_and_pd(keep, _mm_div_pd(nz, r)));
+    const OwnMD2 keep = ownNotLess(q, OwnD2(kTriangleNormalLimit));
+    const OwnD2 r = ownSqrt(q);
+    const OwnF4 fx = ownNarrowLow(ownKeep(keep, nx / r));  // xA xB 0 0
+    const OwnF4 fy = ownNarrowLow(ownKeep(keep, ny / r));
+    const OwnF4 fz = ownNarrowLow(ownKeep(keep, nz / r));
     // Six consecutive floats xA yA zA xB | yB zB.
-    const __m128 xy = _mm_unpacklo_ps(fx, fy);  // xA yA xB yB
-    const __m128 zx = _mm_unpacklo_ps(fz, fx);  // zA xA zB xB
-    _mm_storeu_ps(out, _mm_shuffle_ps(xy, zx, _MM_SHUFFLE(3, 0, 1, 0)));
-    _mm_storeh_pi(reinterpret_cast<__m64*>(out + 4), _mm_unpacklo_ps(fy, fz));  // from yA zA yB zB
+    const OwnF4 xy = ownInterleaveLo(fx, fy);  // xA yA xB yB
+    const OwnF4 zx = ownInterleaveLo(fz, fx);  // zA xA zB xB
+    ownStoreU(out, ownShuffle<0, 1, 0, 3>(xy, zx));
+    ownStoreHigh(out + 4, ownInterleaveLo(fy, fz));  // from yA zA yB zB
 }
 
 // The triangles split statically over the library's thread count, in pairs;
@@ -238,7 +247,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrHitPoint3DEpsS0_32f_M(const float pOrigin
     if (count < 1) return vekStatusOk;
     const bool vector4 =
         ownIsMultipleOf4(count) && ownAllAligned16(pDist, pMask, pDir[0], pDir[1], pDir[2], pHit[0], pHit[1], pHit[2]);
-    ownHitPoints(ownSingleOrigin{{pOrigin[0], pOrigin[1], pOrigin[2]}}, pDir, pDist, pMask, pHit, count, eps, vector4);
+    ownHitPoints(OwnSingleOrigin{{pOrigin[0], pOrigin[1], pOrigin[2]}}, pDir, pDist, pMask, pHit, count, eps, vector4);
     return vekStatusOk;
 }
 
@@ -251,7 +260,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrHitPoint3DEpsM0_32f_M(const float* const 
     const bool vector4 =
         ownIsMultipleOf4(count) && ownAllAligned16(pDist, pMask, pDir[0], pDir[1], pDir[2], pHit[0], pHit[1], pHit[2],
                                                    pOrigin[0], pOrigin[1], pOrigin[2]);
-    ownHitPoints(ownRayOrigins{ownPlanes(pOrigin)}, pDir, pDist, pMask, pHit, count, eps, vector4);
+    ownHitPoints(OwnRayOrigins{ownPlanes(pOrigin)}, pDir, pDist, pMask, pHit, count, eps, vector4);
     return vekStatusOk;
 }
 

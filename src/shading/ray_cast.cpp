@@ -108,14 +108,14 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrCastEye_32f(const float pOrigin[3], const
     };
     const bool large = static_cast<std::int64_t>(width) * height >= kStreamingCount;
     if (vector4 && aligned && large) {
-        rows(ownLane4<true, true>{});
-        _mm_sfence();
+        rows(OwnLane4<true, true>{});
+        ownStreamFence();
     } else if (vector4 && aligned) {
-        rows(ownLane4<true>{});
+        rows(OwnLane4<true>{});
     } else if (vector4) {
-        rows(ownLane4<false>{});
+        rows(OwnLane4<false>{});
     } else {
-        rows(ownLane1{});
+        rows(OwnLane1{});
     }
     return vekStatusOk;
 }
@@ -136,9 +136,9 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrCastReflectionRay_32f(const float* const 
     if (vector4 && aligned)
         ownForEachAligned(count, kernel);
     else if (vector4)
-        ownForEach<ownLane4<false>>(0, count, kernel);
+        ownForEach<OwnLane4<false>>(0, count, kernel);
     else
-        ownForEach<ownLane1>(0, count, kernel);
+        ownForEach<OwnLane1>(0, count, kernel);
     return vekStatusOk;
 }
 
@@ -163,7 +163,7 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrCastShadowSO_32f(const float pLight[3], c
     if (aligned)
         ownForEachAligned(end4, kernel);
     else
-        ownForEach<ownLane4<false>>(0, end4, kernel);
-    ownForEach<ownLane1>(end4, count, kernel);
+        ownForEach<OwnLane4<false>>(0, end4, kernel);
+    ownForEach<OwnLane1>(end4, count, kernel);
     return vekStatusOk;
 }

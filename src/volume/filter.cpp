@@ -1,7 +1,6 @@
 // 3-D convolution of 16-bit signed volumes with an integer kernel and divisor:
-// a packed path (16-bit coefficient pairs, _mm_madd_epi16 into 32-bit rows)
+// a packed path (16-bit coefficient pairs, pair multiply-adds into 32-bit rows)
 // and a wide path (double accumulation) for kernels that do not fit in 16 bits.
-#include <emmintrin.h>
 #include <omp.h>
 
 #include <algorithm>
@@ -9,13 +8,15 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "core/own.h"
+#include "core/lanes.h"
 #include "volume/team.h"
+
+using namespace vekr;
 
 namespace {
 
 // Coefficients in [-32767, 32766] are packed as 16-bit pairs. -32768 is left
-// out so that the pair sum of _mm_madd_epi16 can never reach 2^31 (two products
+// out so that the pair sum of ownMulAddPairs can never reach 2^31 (two products
 // of -32768 * -32768 would); the upper bound stops one short of 32767 as well,
 // a deliberately kept asymmetry of the packing rule.
 constexpr std::int32_t kPackMin = -32767;
@@ -96,15 +97,14 @@ inline std::int16_t ownFinishVoxel(float sum, float scale) {
     return static_cast<std::int16_t>(std::nearbyint(v));
 }
 
-// Eight voxels at once: the same operations lane by lane. _mm_cvtps_epi32
+// Eight voxels at once: the same operations lane by lane. ownRoundToInt
 // rounds ties to even under the default rounding mode, as nearbyint does;
-// _mm_packs_epi32 saturates (a no-op after the clamp).
-inline void ownFinish8(__m128 lo, __m128 hi, __m128 scale, std::int16_t* pDst) {
-    const __m128 vmin = _mm_set1_ps(-32768.0f), vmax = _mm_set1_ps(32767.0f);
-    lo = _mm_min_ps(_mm_max_ps(_mm_mul_ps(lo, scale), vmin), vmax);
-    hi = _mm_min_ps(_mm_max_ps(_mm_mul_ps(hi, scale), vmin), vmax);
-    __m128i r = _mm_packs_epi32(_mm_cvtps_epi32(lo), _mm_cvtps_epi32(hi));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst), r);
+// ownPackSat saturates (a no-op after the clamp).
+OWN_LANE void ownFinish8(OwnF4 lo, OwnF4 hi, OwnF4 scale, std::int16_t* pDst) {
+    const OwnF4 vmin(-32768.0f), vmax(32767.0f);
+    lo = ownMin(ownMax(lo * scale, vmin), vmax);
+    hi = ownMin(ownMax(hi * scale, vmin), vmax);
+    ownStoreU(pDst, ownPackSat(ownRoundToInt(lo), ownRoundToInt(hi)));
 }
 
 // ---------------------------------------------------------------------------
@@ -118,7 +118,7 @@ inline void ownFinish8(__m128 lo, __m128 hi, __m128 scale, std::int16_t* pDst) {
 
 inline int ownPairsPerRow(int kw) { return (kw + 1) / 2; }
 
-void ownPackKernel16(const FilterJob& job, __m128i* pPacked) {
+void ownPackKernel16(const FilterJob& job, OwnW8* pPacked) {
     const int n = job.kw * job.kh * job.kd;
     const int pairs = ownPairsPerRow(job.kw);
     for (int row = 0; row < job.kh * job.kd; ++row) {
@@ -128,7 +128,7 @@ void ownPackKernel16(const FilterJob& job, __m128i* pPacked) {
             const int m = 2 * p;
             const std::int16_t first = static_cast<std::int16_t>(last[-m]);
             const std::int16_t second = m + 1 < job.kw ? static_cast<std::int16_t>(last[-(m + 1)]) : 0;
-            pPacked[row * pairs + p] = _mm_set_epi16(second, first, second, first, second, first, second, first);
+            pPacked[row * pairs + p] = ownPairs16(first, second);
         }
     }
 }
@@ -136,7 +136,7 @@ void ownPackKernel16(const FilterJob& job, __m128i* pPacked) {
 // Scalar rule for one voxel: the sum of products in 32-bit arithmetic. A sum
 // beyond the int32 range wraps, as the 32-bit accumulator rows do (unsigned
 // arithmetic keeps the wrap defined).
-std::uint32_t ownSumPacked(const FilterJob& job, const __m128i* pPacked, int x, int y, int z) {
+std::uint32_t ownSumPacked(const FilterJob& job, const OwnW8* pPacked, int x, int y, int z) {
     const int pairs = ownPairsPerRow(job.kw);
     std::uint32_t sum = 0;
     for (int k = 0; k < job.kd; ++k) {
@@ -156,7 +156,7 @@ std::uint32_t ownSumPacked(const FilterJob& job, const __m128i* pPacked, int x, 
 // One destination row. For each kernel row, a pass adds that row's products
 // into the accumulator row, eight voxels at a time. The 16-bit lanes of the
 // source vector a = s[x+2p .. x+2p+7] pair up as (s[x+2p+2i], s[x+2p+2i+1]),
-// so _mm_madd_epi16 with the pair block (c0, c1, c0, c1, ...) gives
+// so ownMulAddPairs with the pair block (c0, c1, c0, c1, ...) gives
 // c0 * s[x+2p+2i] + c1 * s[x+2p+2i+1], the contribution of taps 2p and 2p+1 to
 // the even voxels x+2i; the vector one voxel further, s[x+2p+1 ...], gives the
 // odd voxels x+2i+1 the same way. No shuffles are needed in the inner loop:
@@ -170,52 +170,50 @@ std::uint32_t ownSumPacked(const FilterJob& job, const __m128i* pPacked, int x, 
 //
 // The voxels after the last full group of eight take the scalar rule; integer
 // sums do not depend on the order of the terms, so both give the same values.
-void ownFilterRowPacked(const FilterJob& job, const __m128i* pPacked, std::int32_t* pAcc, int y, int z) {
+void ownFilterRowPacked(const FilterJob& job, const OwnW8* pPacked, std::int32_t* pAcc, int y, int z) {
     const int w8 = job.width & ~7;
     const int pairs = ownPairsPerRow(job.kw);
     const int fullPairs = job.kw / 2;
-    const __m128i zero = _mm_setzero_si128();
+    const OwnI4 zero(0);
     for (int x = 0; x < w8; x += 8) {
-        _mm_store_si128(reinterpret_cast<__m128i*>(pAcc + x), zero);
-        _mm_store_si128(reinterpret_cast<__m128i*>(pAcc + x + 4), zero);
+        ownStoreA(pAcc + x, zero);
+        ownStoreA(pAcc + x + 4, zero);
     }
     for (int k = 0; k < job.kd; ++k) {
         for (int j = 0; j < job.kh; ++j) {
             const std::int16_t* row = ownSrcRow(job, y, z, j, k);
-            const __m128i* coef = pPacked + (k * job.kh + j) * pairs;
+            const OwnW8* coef = pPacked + (k * job.kh + j) * pairs;
             for (int x = 0; x < w8; x += 8) {
                 const std::int16_t* s = row + x;
-                __m128i even = _mm_load_si128(reinterpret_cast<const __m128i*>(pAcc + x));
-                __m128i odd = _mm_load_si128(reinterpret_cast<const __m128i*>(pAcc + x + 4));
+                OwnI4 even = ownLoadA(pAcc + x);
+                OwnI4 odd = ownLoadA(pAcc + x + 4);
                 int p = 0;
                 for (; p < fullPairs; ++p) {
-                    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * p));
-                    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * p + 1));
-                    const __m128i c = _mm_load_si128(coef + p);
-                    even = _mm_add_epi32(even, _mm_madd_epi16(a, c));
-                    odd = _mm_add_epi32(odd, _mm_madd_epi16(b, c));
+                    const OwnW8 a = ownLoadU(s + 2 * p);
+                    const OwnW8 b = ownLoadU(s + 2 * p + 1);
+                    const OwnW8 c = coef[p];
+                    even = even + ownMulAddPairs(a, c);
+                    odd = odd + ownMulAddPairs(b, c);
                 }
                 if (p < pairs) {
-                    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + 2 * p));
-                    const __m128i c = _mm_load_si128(coef + p);
-                    even = _mm_add_epi32(even, _mm_madd_epi16(a, c));
-                    odd = _mm_add_epi32(odd, _mm_madd_epi16(a, _mm_slli_epi32(c, 16)));
+                    const OwnW8 a = ownLoadU(s + 2 * p);
+                    const OwnW8 c = coef[p];
+                    even = even + ownMulAddPairs(a, c);
+                    odd = odd + ownMulAddPairs(a, ownPairShiftUp(c));
                 }
-                _mm_store_si128(reinterpret_cast<__m128i*>(pAcc + x), even);
-                _mm_store_si128(reinterpret_cast<__m128i*>(pAcc + x + 4), odd);
+                ownStoreA(pAcc + x, even);
+                ownStoreA(pAcc + x + 4, odd);
             }
         }
     }
     for (int x = w8; x < job.width; ++x) pAcc[x] = static_cast<std::int32_t>(ownSumPacked(job, pPacked, x, y, z));
 
     std::int16_t* dst = job.pDst[z] + static_cast<std::ptrdiff_t>(y) * job.dstStep;
-    const __m128 scale = _mm_set1_ps(job.scale);
+    const OwnF4 scale(job.scale);
     for (int x = 0; x < w8; x += 8) {
-        const __m128i even = _mm_load_si128(reinterpret_cast<const __m128i*>(pAcc + x));
-        const __m128i odd = _mm_load_si128(reinterpret_cast<const __m128i*>(pAcc + x + 4));
-        const __m128 lo = _mm_cvtepi32_ps(_mm_unpacklo_epi32(even, odd));
-        const __m128 hi = _mm_cvtepi32_ps(_mm_unpackhi_epi32(even, odd));
-        ownFinish8(lo, hi, scale, dst + x);
+        const OwnI4 even = ownLoadA(pAcc + x);
+        const OwnI4 odd = ownLoadA(pAcc + x + 4);
+        ownFinish8(ownToFloat(ownInterleaveLo(even, odd)), ownToFloat(ownInterleaveHi(even, odd)), scale, dst + x);
     }
     for (int x = w8; x < job.width; ++x) dst[x] = ownFinishVoxel(static_cast<float>(pAcc[x]), job.scale);
 }
@@ -237,13 +235,13 @@ void ownFilterRowPacked(const FilterJob& job, const __m128i* pPacked, std::int32
 // Kernel layout: the reversed coefficients, one double pair (the value twice)
 // per tap, kw taps per row.
 
-void ownPackKernelWide(const FilterJob& job, __m128d* pWide) {
+void ownPackKernelWide(const FilterJob& job, OwnD2* pWide) {
     const int n = job.kw * job.kh * job.kd;
-    for (int t = 0; t < n; ++t) pWide[t] = _mm_set1_pd(static_cast<double>(job.pKernel[n - 1 - t]));
+    for (int t = 0; t < n; ++t) pWide[t] = OwnD2(static_cast<double>(job.pKernel[n - 1 - t]));
 }
 
 // Scalar rule for one voxel.
-double ownSumWide(const FilterJob& job, const __m128d* pWide, int x, int y, int z) {
+double ownSumWide(const FilterJob& job, const OwnD2* pWide, int x, int y, int z) {
     double sum = 0.0;
     for (int k = 0; k < job.kd; ++k) {
         for (int j = 0; j < job.kh; ++j) {
@@ -255,40 +253,28 @@ double ownSumWide(const FilterJob& job, const __m128d* pWide, int x, int y, int 
     return sum;
 }
 
-// Four 16-bit voxels as int32 lanes (sign-extended).
-inline __m128i ownLoad4x16(const std::int16_t* s) {
-    const __m128i v = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(s));
-    return _mm_srai_epi32(_mm_unpacklo_epi16(v, v), 16);
-}
-
 // One destination row, eight voxels per group, each kept in a double lane
 // through the whole kernel (the buffer has no room for a double row).
-void ownFilterRowWide(const FilterJob& job, const __m128d* pWide, int y, int z) {
+void ownFilterRowWide(const FilterJob& job, const OwnD2* pWide, int y, int z) {
     const int w8 = job.width & ~7;
     std::int16_t* dst = job.pDst[z] + static_cast<std::ptrdiff_t>(y) * job.dstStep;
-    const __m128 scale = _mm_set1_ps(job.scale);
+    const OwnF4 scale(job.scale);
     for (int x = 0; x < w8; x += 8) {
-        __m128d acc0 = _mm_setzero_pd(), acc1 = _mm_setzero_pd();
-        __m128d acc2 = _mm_setzero_pd(), acc3 = _mm_setzero_pd();
+        // Voxels x .. x+3 and x+4 .. x+7.
+        OwnD4 accLo(0.0), accHi(0.0);
         for (int k = 0; k < job.kd; ++k) {
             for (int j = 0; j < job.kh; ++j) {
                 const std::int16_t* s = ownSrcRow(job, y, z, j, k) + x;
-                const __m128d* c = pWide + (k * job.kh + j) * job.kw;
+                const OwnD2* c = pWide + (k * job.kh + j) * job.kw;
                 for (int m = 0; m < job.kw; ++m) {
-                    const __m128i lo = ownLoad4x16(s + m);
-                    const __m128i hi = ownLoad4x16(s + m + 4);
-                    const __m128d cm = _mm_load_pd(reinterpret_cast<const double*>(c + m));
-                    acc0 = _mm_add_pd(acc0, _mm_mul_pd(_mm_cvtepi32_pd(lo), cm));
-                    acc1 = _mm_add_pd(acc1, _mm_mul_pd(_mm_cvtepi32_pd(_mm_shuffle_epi32(lo, 0xEE)), cm));
-                    acc2 = _mm_add_pd(acc2, _mm_mul_pd(_mm_cvtepi32_pd(hi), cm));
-                    acc3 = _mm_add_pd(acc3, _mm_mul_pd(_mm_cvtepi32_pd(_mm_shuffle_epi32(hi, 0xEE)), cm));
+                    const OwnD4 cm = ownBroadcast(c[m]);
+                    accLo = accLo + ownToDouble(ownLoadWiden4(s + m)) * cm;
+                    accHi = accHi + ownToDouble(ownLoadWiden4(s + m + 4)) * cm;
                 }
             }
         }
-        // _mm_cvtpd_ps rounds each double to float to nearest, as the scalar cast does.
-        const __m128 lo = _mm_movelh_ps(_mm_cvtpd_ps(acc0), _mm_cvtpd_ps(acc1));
-        const __m128 hi = _mm_movelh_ps(_mm_cvtpd_ps(acc2), _mm_cvtpd_ps(acc3));
-        ownFinish8(lo, hi, scale, dst + x);
+        // ownNarrow rounds each double to float to nearest, as the scalar cast does.
+        ownFinish8(ownNarrow(accLo), ownNarrow(accHi), scale, dst + x);
     }
     for (int x = w8; x < job.width; ++x)
         dst[x] = ownFinishVoxel(static_cast<float>(ownSumWide(job, pWide, x, y, z)), job.scale);
@@ -308,9 +294,9 @@ FilterShare ownPrepareShare(const FilterJob& job, int share) {
     s.pAcc = reinterpret_cast<std::int32_t*>(base);
     s.pKernel = base + 64 * ((static_cast<std::size_t>(job.width) + 15) / 16);
     if (job.packed)
-        ownPackKernel16(job, static_cast<__m128i*>(s.pKernel));
+        ownPackKernel16(job, static_cast<OwnW8*>(s.pKernel));
     else
-        ownPackKernelWide(job, static_cast<__m128d*>(s.pKernel));
+        ownPackKernelWide(job, static_cast<OwnD2*>(s.pKernel));
     return s;
 }
 
@@ -318,9 +304,9 @@ FilterShare ownPrepareShare(const FilterJob& job, int share) {
 inline void ownFilterRow(const FilterJob& job, const FilterShare& s, std::int64_t r) {
     const int y = static_cast<int>(r % job.height), z = static_cast<int>(r / job.height);
     if (job.packed)
-        ownFilterRowPacked(job, static_cast<const __m128i*>(s.pKernel), s.pAcc, y, z);
+        ownFilterRowPacked(job, static_cast<const OwnW8*>(s.pKernel), s.pAcc, y, z);
     else
-        ownFilterRowWide(job, static_cast<const __m128d*>(s.pKernel), y, z);
+        ownFilterRowWide(job, static_cast<const OwnD2*>(s.pKernel), y, z);
 }
 
 // Parallel slabs: a static split of the destination rows into one contiguous

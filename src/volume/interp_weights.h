@@ -2,9 +2,10 @@
 // remap and affine warp: the linear blend, the four cubic kernels (four-point
 // Lagrange and three members of the two-parameter (B, C) family), the exact
 // floor of the coordinate set-up, and the conversion of a float result to 8u
-// and 16u voxels. Each rule has a scalar form and a four-lane SSE form that
-// performs the same float operations in the same order, so the two give
-// identical bits.
+// and 16u voxels. The float rules are written once over the lane type
+// (float, or OwnF4 of core/lanes.h), so that the scalar and the four-lane
+// forms perform the same operations in the same order and give identical
+// bits.
 //
 // Numerical contract of this header (the callers' results depend on it):
 //  - Cubic weights are evaluated in double precision and rounded once, when
@@ -18,12 +19,11 @@
 #ifndef VEKR_VOLUME_INTERP_WEIGHTS_H
 #define VEKR_VOLUME_INTERP_WEIGHTS_H
 
-#include <emmintrin.h>
-
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 
+#include "core/lanes.h"
 #include "vekr.h"
 
 namespace vekr {
@@ -113,22 +113,29 @@ inline double ownFloorExact(double u) {
 }
 
 // ---------------------------------------------------------------------------
-// Float combinations (scalar)
+// Float combinations (F: float, or OwnF4 for four lanes)
 // ---------------------------------------------------------------------------
 
 // Linear blend of two taps with fraction t: (1 - t) * v0 + t * v1, in float.
 // With v0 == v1 the result may differ from v0 by rounding; edge-replicating
 // callers pass the same tap twice and keep the formula, so that every voxel
 // follows one rule.
-inline float ownLerp(float v0, float v1, float t) { return (1.0f - t) * v0 + t * v1; }
+template <class F>
+OWN_LANE F ownLerp(F v0, F v1, F t) {
+    return (F(1.0f) - t) * v0 + t * v1;
+}
 
 // Four-tap cubic sum ((w0*v0 + w1*v1) + w2*v2) + w3*v3, in float.
+template <class F>
+OWN_LANE F ownCubicSum(F v0, F v1, F v2, F v3, F w0, F w1, F w2, F w3) {
+    return ((w0 * v0 + w1 * v1) + w2 * v2) + w3 * v3;
+}
 inline float ownCubicSum(float v0, float v1, float v2, float v3, const float w[4]) {
-    return ((w[0] * v0 + w[1] * v1) + w[2] * v2) + w[3] * v3;
+    return ownCubicSum(v0, v1, v2, v3, w[0], w[1], w[2], w[3]);
 }
 
 // ---------------------------------------------------------------------------
-// Conversion of an interpolated float to the element type (scalar)
+// Conversion of an interpolated float to the element type
 // ---------------------------------------------------------------------------
 
 // Conversion of sum to an integer element with maximum kMax:
@@ -139,12 +146,13 @@ inline float ownCubicSum(float v0, float v1, float v2, float v3, const float w[4
 // for all inputs: NaN gives 0, +inf gives kMax, -inf gives 0. The clamps are
 // written as the SSE maxps/minps select (a > b ? a : b, a < b ? a : b, the
 // second operand on NaN) so the vector form matches bit for bit.
-template <int kMax>
-inline int ownRoundClamp(float sum) {
-    float v = sum + 0.5000001f;
-    v = (v > 0.0f) ? v : 0.0f;
-    v = (v < static_cast<float>(kMax)) ? v : static_cast<float>(kMax);
-    return static_cast<int>(v);
+// F is float (giving an int) or OwnF4 (giving an OwnI4).
+template <int kMax, class F>
+OWN_LANE auto ownRoundClamp(F sum) {
+    F v = sum + F(0.5000001f);
+    v = ownMax(v, F(0.0f));
+    v = ownMin(v, F(static_cast<float>(kMax)));
+    return ownTruncToInt(v);
 }
 
 // Store rule of each element type: 8u and 16u round and clamp, 32f stores
@@ -164,47 +172,10 @@ inline float ownStoreInterp<float>(float sum) {
     return sum;
 }
 
-// ---------------------------------------------------------------------------
-// Four-lane forms (SSE2), lane for lane the scalar rules above
-// ---------------------------------------------------------------------------
-
-// ownLerp on four lanes.
-inline __m128 ownLerp4(__m128 v0, __m128 v1, __m128 t) {
-    return _mm_add_ps(_mm_mul_ps(_mm_sub_ps(_mm_set1_ps(1.0f), t), v0), _mm_mul_ps(t, v1));
-}
-
-// ownCubicSum on four lanes, with per-lane weights w0..w3.
-inline __m128 ownCubicSum4(__m128 v0, __m128 v1, __m128 v2, __m128 v3, __m128 w0, __m128 w1, __m128 w2,
-                           __m128 w3) {
-    __m128 s = _mm_add_ps(_mm_mul_ps(w0, v0), _mm_mul_ps(w1, v1));
-    s = _mm_add_ps(s, _mm_mul_ps(w2, v2));
-    return _mm_add_ps(s, _mm_mul_ps(w3, v3));
-}
-
-// ownRoundClamp on four lanes: the clamped values truncated to int32.
-template <int kMax>
-inline __m128i ownRoundClamp4(__m128 sum) {
-    __m128 v = _mm_add_ps(sum, _mm_set1_ps(0.5000001f));
-    v = _mm_max_ps(v, _mm_setzero_ps());
-    v = _mm_min_ps(v, _mm_set1_ps(static_cast<float>(kMax)));
-    return _mm_cvttps_epi32(v);
-}
-
 // Stores four results at p (any alignment) by the element type's rule.
-inline void ownStoreInterp4(std::uint8_t* p, __m128 sum) {
-    const __m128i i32 = ownRoundClamp4<255>(sum);
-    const __m128i i16 = _mm_packs_epi32(i32, i32);  // 0..255 fits: no saturation
-    const int packed = _mm_cvtsi128_si32(_mm_packus_epi16(i16, i16));
-    std::memcpy(p, &packed, 4);
-}
-inline void ownStoreInterp4(std::uint16_t* p, __m128 sum) {
-    // 0..65535 does not fit the signed pack: bias by -32768, pack with
-    // signed saturation (exact after the bias) and flip the bias back.
-    const __m128i i32 = _mm_sub_epi32(ownRoundClamp4<65535>(sum), _mm_set1_epi32(32768));
-    const __m128i i16 = _mm_xor_si128(_mm_packs_epi32(i32, i32), _mm_set1_epi16(-32768));
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), i16);
-}
-inline void ownStoreInterp4(float* p, __m128 sum) { _mm_storeu_ps(p, sum); }
+OWN_LANE void ownStoreInterp4(std::uint8_t* p, OwnF4 sum) { ownStoreNarrow(p, ownRoundClamp<255>(sum)); }
+OWN_LANE void ownStoreInterp4(std::uint16_t* p, OwnF4 sum) { ownStoreNarrow(p, ownRoundClamp<65535>(sum)); }
+OWN_LANE void ownStoreInterp4(float* p, OwnF4 sum) { ownStoreU(p, sum); }
 
 }  // namespace vekr
 

@@ -24,9 +24,6 @@
 #ifndef VEKR_VOLUME_REMAP_KERNELS_H
 #define VEKR_VOLUME_REMAP_KERNELS_H
 
-#include <emmintrin.h>
-#include <tmmintrin.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -34,15 +31,11 @@
 #include <cstring>
 #include <type_traits>
 
-#include "core/own.h"
+#include "core/lanes.h"
 #include "volume/interp_weights.h"
 #include "volume/team.h"
 
 namespace vekr {
-
-// The four-lane helpers below must melt into their row loops: called, they
-// pass every vector through memory.
-#define VEKR_ALWAYS_INLINE __attribute__((always_inline))
 
 // The source as the samplers see it: plane pointers, row step in bytes and
 // the inclusive box on each axis (x, y, z). Single-plane sources use one
@@ -101,8 +94,8 @@ inline const T* ownSourceRow(const OwnSource<T>& s, int z, int y) {
 
 // Rounding to the nearest integer with ties to even: the processor's
 // conversion in its default rounding mode (not truncation).
-inline int ownRoundEven(float v) { return _mm_cvtss_si32(_mm_set_ss(v)); }
-inline int ownRoundEven(double v) { return _mm_cvtsd_si32(_mm_set_sd(v)); }
+inline int ownRoundEven(float v) { return ownRoundToInt(v); }
+inline int ownRoundEven(double v) { return ownRoundToInt(v); }
 
 // ---------------------------------------------------------------------------
 // Taps along one axis
@@ -215,13 +208,12 @@ inline float ownBlendLinear(const OwnLinearCtx<T>& k, int ix, int iy, int iz, fl
 // (v[0], v[1], w[0], w[1]) as floats, for the 16u element pairs v at byte
 // address p and w at p + next: the x tap pairs of two rows, each read as one
 // 4-byte word.
-inline __m128 ownTapQuad(const std::uint16_t*, const std::uint8_t* p, std::ptrdiff_t next) {
+inline OwnF4 ownTapQuad(const std::uint16_t*, const std::uint8_t* p, std::ptrdiff_t next) {
     std::uint32_t a, b;
     std::memcpy(&a, p, 4);
     std::memcpy(&b, p + next, 4);
-    const __m128i v =
-        _mm_unpacklo_epi32(_mm_cvtsi32_si128(static_cast<int>(a)), _mm_cvtsi32_si128(static_cast<int>(b)));
-    return _mm_cvtepi32_ps(_mm_unpacklo_epi16(v, _mm_setzero_si128()));
+    const OwnI4 v = ownInterleaveLo(ownInLane0(static_cast<int>(a)), ownInLane0(static_cast<int>(b)));
+    return ownToFloat(ownWidenLowU16(v));
 }
 
 // The SSE kernels address a tap row pair by one 32-bit byte offset inside
@@ -233,9 +225,9 @@ inline bool ownLinearSseFits(const OwnSource<T>& s) {
     return s.hi[0] > s.lo[0] && s.step > 0 && s.step <= 32767 && s.hi[0] <= 32767 && s.hi[1] <= 32767;
 }
 template <class T>
-inline __m128i ownTapOffsets(__m128i ix, __m128i iy, std::ptrdiff_t step) {
-    const __m128i factors = _mm_set1_epi32(static_cast<int>((step << 16) | static_cast<int>(sizeof(T))));
-    return _mm_madd_epi16(_mm_or_si128(_mm_slli_epi32(iy, 16), ix), factors);
+inline OwnI4 ownTapOffsets(OwnI4 ix, OwnI4 iy, std::ptrdiff_t step) {
+    const OwnI4 factors(static_cast<int>((step << 16) | static_cast<int>(sizeof(T))));
+    return ownMulAddPairs(ownAsW8(ownShiftLeft<16>(iy) | ix), ownAsW8(factors));
 }
 
 // The taps a, b, c, d of four voxels as four vectors, lane j for voxel j:
@@ -244,76 +236,67 @@ inline __m128i ownTapOffsets(__m128i ix, __m128i iy, std::ptrdiff_t step) {
 // place the values straight into their lanes.
 template <class T>
 struct OwnTapGather {
-    VEKR_ALWAYS_INLINE static void run(const std::uint8_t* const p[4], std::ptrdiff_t next, __m128& a, __m128& b,
-                                       __m128& c, __m128& d) {
+    static OWN_LANE void run(const std::uint8_t* const p[4], std::ptrdiff_t next, OwnF4& a, OwnF4& b, OwnF4& c,
+                             OwnF4& d) {
         const T* tag = nullptr;
         a = ownTapQuad(tag, p[0], next);
         b = ownTapQuad(tag, p[1], next);
         c = ownTapQuad(tag, p[2], next);
         d = ownTapQuad(tag, p[3], next);
-        _MM_TRANSPOSE4_PS(a, b, c, d);
+        ownTranspose(a, b, c, d);
     }
 };
 template <>
 struct OwnTapGather<float> {
     // Two voxels' pairs per register, (a0, b0, a1, b1), then even and odd lanes.
-    VEKR_ALWAYS_INLINE static __m128 pairs(const std::uint8_t* p0, const std::uint8_t* p1) {
-        const __m128 lo = _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p0)));
-        return _mm_loadh_pi(lo, reinterpret_cast<const __m64*>(p1));
-    }
-    VEKR_ALWAYS_INLINE static void run(const std::uint8_t* const p[4], std::ptrdiff_t next, __m128& a, __m128& b,
-                                       __m128& c, __m128& d) {
-        const __m128 ab01 = pairs(p[0], p[1]), ab23 = pairs(p[2], p[3]);
-        const __m128 cd01 = pairs(p[0] + next, p[1] + next), cd23 = pairs(p[2] + next, p[3] + next);
-        a = _mm_shuffle_ps(ab01, ab23, _MM_SHUFFLE(2, 0, 2, 0));
-        b = _mm_shuffle_ps(ab01, ab23, _MM_SHUFFLE(3, 1, 3, 1));
-        c = _mm_shuffle_ps(cd01, cd23, _MM_SHUFFLE(2, 0, 2, 0));
-        d = _mm_shuffle_ps(cd01, cd23, _MM_SHUFFLE(3, 1, 3, 1));
+    static OWN_LANE void run(const std::uint8_t* const p[4], std::ptrdiff_t next, OwnF4& a, OwnF4& b, OwnF4& c,
+                             OwnF4& d) {
+        const OwnF4 ab01 = ownLoadPairs(p[0], p[1]), ab23 = ownLoadPairs(p[2], p[3]);
+        const OwnF4 cd01 = ownLoadPairs(p[0] + next, p[1] + next), cd23 = ownLoadPairs(p[2] + next, p[3] + next);
+        a = ownEvenLanes(ab01, ab23);
+        b = ownOddLanes(ab01, ab23);
+        c = ownEvenLanes(cd01, cd23);
+        d = ownOddLanes(cd01, cd23);
     }
 };
 template <>
 struct OwnTapGather<std::uint8_t> {
     // All sixteen bytes in one register (a0 b0 c0 d0 a1 b1 ...), then one
     // byte shuffle per tap spreads its four bytes over the lanes.
-    VEKR_ALWAYS_INLINE static int pair(const std::uint8_t* p) {
+    static OWN_LANE int pair(const std::uint8_t* p) {
         std::uint16_t v;
         std::memcpy(&v, p, 2);
         return v;
     }
-    VEKR_ALWAYS_INLINE static void run(const std::uint8_t* const p[4], std::ptrdiff_t next, __m128& a, __m128& b,
-                                       __m128& c, __m128& d) {
-        __m128i v = _mm_cvtsi32_si128(pair(p[0]));
-        v = _mm_insert_epi16(v, pair(p[0] + next), 1);
-        v = _mm_insert_epi16(v, pair(p[1]), 2);
-        v = _mm_insert_epi16(v, pair(p[1] + next), 3);
-        v = _mm_insert_epi16(v, pair(p[2]), 4);
-        v = _mm_insert_epi16(v, pair(p[2] + next), 5);
-        v = _mm_insert_epi16(v, pair(p[3]), 6);
-        v = _mm_insert_epi16(v, pair(p[3] + next), 7);
+    static OWN_LANE void run(const std::uint8_t* const p[4], std::ptrdiff_t next, OwnF4& a, OwnF4& b, OwnF4& c,
+                             OwnF4& d) {
+        OwnW8 v = ownAsW8(ownInLane0(pair(p[0])));
+        v = ownInsert16<1>(v, pair(p[0] + next));
+        v = ownInsert16<2>(v, pair(p[1]));
+        v = ownInsert16<3>(v, pair(p[1] + next));
+        v = ownInsert16<4>(v, pair(p[2]));
+        v = ownInsert16<5>(v, pair(p[2] + next));
+        v = ownInsert16<6>(v, pair(p[3]));
+        v = ownInsert16<7>(v, pair(p[3] + next));
         // Byte j of each voxel's four into the low byte of its lane, zeros above.
-        auto tap = [v](char j) {
+        auto tap = [v](char j) OWN_KERNEL {
             const char z = -128;
-            const __m128i pick = _mm_setr_epi8(j, z, z, z, j + 4, z, z, z, j + 8, z, z, z, j + 12, z, z, z);
-            return _mm_cvtepi32_ps(_mm_shuffle_epi8(v, pick));
+            const OwnI4 pick = ownSetBytes(j, z, z, z, j + 4, z, z, z, j + 8, z, z, z, j + 12, z, z, z);
+            return ownToFloat(ownShuffleBytes(v, pick));
         };
         a = tap(0), b = tap(1), c = tap(2), d = tap(3);
     }
 };
 
 // iz * planeStep on four lanes (iz >= 0; the products fit 31 bits).
-inline __m128i ownPlaneOffsets(__m128i iz, std::ptrdiff_t planeStep) {
-    const __m128i f = _mm_set1_epi32(static_cast<int>(planeStep));
-    const __m128i even = _mm_mul_epu32(iz, f), odd = _mm_mul_epu32(_mm_srli_epi64(iz, 32), f);
-    return _mm_unpacklo_epi32(_mm_shuffle_epi32(even, _MM_SHUFFLE(0, 0, 2, 0)),
-                              _mm_shuffle_epi32(odd, _MM_SHUFFLE(0, 0, 2, 0)));
-}
+inline OwnI4 ownPlaneOffsets(OwnI4 iz, std::ptrdiff_t planeStep) { return ownMulLo(iz, static_cast<int>(planeStep)); }
 
 // Byte offsets of the (x0, y0, z0) taps of four lanes: from the plane's
 // start, or from the origin when the planes are evenly spaced.
 template <class T, int Dims, bool EvenPlanes>
-inline __m128i ownLaneOffsets(const OwnLinearCtx<T>& k, __m128i ix, __m128i iy, __m128i iz) {
-    const __m128i off = ownTapOffsets<T>(ix, iy, k.step);
-    return EvenPlanes && Dims == 3 ? _mm_add_epi32(off, ownPlaneOffsets(iz, k.planeStep)) : off;
+inline OwnI4 ownLaneOffsets(const OwnLinearCtx<T>& k, OwnI4 ix, OwnI4 iy, OwnI4 iz) {
+    const OwnI4 off = ownTapOffsets<T>(ix, iy, k.step);
+    return EvenPlanes && Dims == 3 ? off + ownPlaneOffsets(iz, k.planeStep) : off;
 }
 
 // ownBlendLinear for four voxels at once, voxel j in lane j: the taps are
@@ -324,38 +307,37 @@ inline __m128i ownLaneOffsets(const OwnLinearCtx<T>& k, __m128i ix, __m128i iy, 
 // (the source's evenPlanes holds) addresses the taps from the origin,
 // otherwise through each lane's plane pointer.
 template <class T, int Dims, bool EvenPlanes>
-VEKR_ALWAYS_INLINE inline __m128 ownBlendLinearLanes(const OwnLinearCtx<T>& k, __m128i off, __m128i iz, __m128 tx,
-                                                     __m128 ty, __m128 tz) {
+OWN_LANE OwnF4 ownBlendLinearLanes(const OwnLinearCtx<T>& k, OwnI4 off, OwnI4 iz, OwnF4 tx, OwnF4 ty, OwnF4 tz) {
     const std::uint8_t* p[4];
     const std::uint8_t* q[4];
     if (EvenPlanes) {
         // Offsets from the origin are below 2^31: widened without sign.
         std::uint32_t o[4];
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(o), off);
+        ownStoreU(reinterpret_cast<std::int32_t*>(o), off);
         for (int j = 0; j < 4; ++j) {
             p[j] = reinterpret_cast<const std::uint8_t*>(k.origin + o[j]);
             q[j] = p[j] + k.nextPlane;
         }
     } else {
         std::int32_t o[4], z[4] = {0, 0, 0, 0};
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(o), off);
-        if (Dims == 3) _mm_storeu_si128(reinterpret_cast<__m128i*>(z), iz);
+        ownStoreU(o, off);
+        if (Dims == 3) ownStoreU(z, iz);
         for (int j = 0; j < 4; ++j) {
             p[j] = reinterpret_cast<const std::uint8_t*>(k.pPlanes[z[j]]) + o[j];
             q[j] = Dims == 3 ? reinterpret_cast<const std::uint8_t*>(k.pPlanes[z[j] + k.nextZ]) + o[j] : p[j];
         }
     }
-    __m128 p0, p1, p2, p3;
+    OwnF4 p0, p1, p2, p3;
     OwnTapGather<T>::run(p, k.nextRow, p0, p1, p2, p3);
     if (Dims == 3) {
-        __m128 e, f, g, h;
+        OwnF4 e, f, g, h;
         OwnTapGather<T>::run(q, k.nextRow, e, f, g, h);
-        p0 = ownLerp4(p0, e, tz);
-        p1 = ownLerp4(p1, f, tz);
-        p2 = ownLerp4(p2, g, tz);
-        p3 = ownLerp4(p3, h, tz);
+        p0 = ownLerp(p0, e, tz);
+        p1 = ownLerp(p1, f, tz);
+        p2 = ownLerp(p2, g, tz);
+        p3 = ownLerp(p3, h, tz);
     }
-    return ownLerp4(ownLerp4(p0, p2, ty), ownLerp4(p1, p3, ty), tx);
+    return ownLerp(ownLerp(p0, p2, ty), ownLerp(p1, p3, ty), tx);
 }
 
 // Lower taps and fractions of four coordinates as lanes. The index is
@@ -363,21 +345,21 @@ VEKR_ALWAYS_INLINE inline __m128 ownBlendLinearLanes(const OwnLinearCtx<T>& k, _
 // min(trunc(c), top), the scalar rule; lanes outside the box (NaN included,
 // which max turns into lo) get an index in the box, so their taps can be
 // read and then discarded. t = c - index, rounded to float.
-inline __m128i ownLinearIndex4(__m128 c, __m128 lo, __m128 top, __m128& t) {
-    const __m128i i = _mm_cvttps_epi32(_mm_min_ps(_mm_max_ps(c, lo), top));
-    t = _mm_sub_ps(c, _mm_cvtepi32_ps(i));
+inline OwnI4 ownLinearIndex4(OwnF4 c, OwnF4 lo, OwnF4 top, OwnF4& t) {
+    const OwnI4 i = ownTruncToInt(ownMin(ownMax(c, lo), top));
+    t = c - ownToFloat(i);
     return i;
 }
 // Stores the lanes of v whose bit is set in mask at p[0..3] by the element
 // type's rule (all four at once when all are set).
 template <class T>
-inline void ownStoreLanes(T* p, __m128 v, int mask) {
+inline void ownStoreLanes(T* p, OwnF4 v, int mask) {
     if (mask == 15) {
         ownStoreInterp4(p, v);
         return;
     }
     float f[4];
-    _mm_storeu_ps(f, v);
+    ownStoreU(f, v);
     for (int j = 0; j < 4; ++j)
         if (mask & (1 << j)) p[j] = ownStoreInterp<T>(f[j]);
 }
@@ -409,72 +391,49 @@ inline float ownSampleCubic(const OwnSource<T>& s, const OwnCubicKernel& k, C x,
 // ownCubicWeights with the four kernel arguments as two double pairs: both
 // polynomials are evaluated as in ownCubicWeight and the branch is a lane
 // select, so the weights are the same bits.
-VEKR_ALWAYS_INLINE inline __m128 ownCubicWeightsSse(const OwnCubicKernel& k, double t) {
-    auto weight = [&k](__m128d x) {
-        const __m128d ax = _mm_andnot_pd(_mm_set1_pd(-0.0), x);
-        const __m128d x2 = _mm_mul_pd(ax, ax);
-        const __m128d x3 = _mm_mul_pd(x2, ax);
-        const __m128d in =
-            _mm_add_pd(_mm_add_pd(_mm_add_pd(_mm_mul_pd(_mm_set1_pd(k.in3), x3), _mm_mul_pd(_mm_set1_pd(k.in2), x2)),
-                                  _mm_mul_pd(_mm_set1_pd(k.in1), ax)),
-                       _mm_set1_pd(k.in0));
-        const __m128d out =
-            _mm_add_pd(_mm_add_pd(_mm_add_pd(_mm_mul_pd(_mm_set1_pd(k.out3), x3), _mm_mul_pd(_mm_set1_pd(k.out2), x2)),
-                                  _mm_mul_pd(_mm_set1_pd(k.out1), ax)),
-                       _mm_set1_pd(k.out0));
-        const __m128d inner = _mm_cmplt_pd(ax, _mm_set1_pd(1.0));
-        const __m128d outer = _mm_andnot_pd(inner, _mm_cmplt_pd(ax, _mm_set1_pd(2.0)));
-        return _mm_or_pd(_mm_and_pd(inner, in), _mm_and_pd(outer, out));
+OWN_LANE OwnF4 ownCubicWeightsSse(const OwnCubicKernel& k, double t) {
+    // ((c3 x^3 + c2 x^2) + c1 x) + c0, x^2 = x x, x^3 = x^2 x, as ownCubicWeight.
+    auto poly = [](OwnD2 x, OwnD2 c3, OwnD2 c2, OwnD2 c1, OwnD2 c0) OWN_KERNEL {
+        const OwnD2 x2 = x * x;
+        const OwnD2 x3 = x2 * x;
+        return ((c3 * x3 + c2 * x2) + c1 * x) + c0;
     };
-    const __m128d a01 = _mm_set_pd(t, 1.0 + t);
-    const __m128d a23 = _mm_set_pd(2.0 - t, 1.0 - t);
-    if (t > 0.0 && t < 1.0) {
+    auto weight = [&k, poly](OwnD2 x) {
+        const OwnD2 ax = ownAbs(x);
+        const OwnD2 in = poly(ax, OwnD2(k.in3), OwnD2(k.in2), OwnD2(k.in1), OwnD2(k.in0));
+        const OwnD2 out = poly(ax, OwnD2(k.out3), OwnD2(k.out2), OwnD2(k.out1), OwnD2(k.out0));
+        const OwnMD2 inner = ax < OwnD2(1.0);
+        const OwnMD2 outer = ownAndNot(ax < OwnD2(2.0), inner);
+        return ownUnion(ownKeep(inner, in), ownKeep(outer, out));
+    };
+    const OwnD2 a01 = ownSetLanes(1.0 + t, t);
+    const OwnD2 a23 = ownSetLanes(1.0 - t, 2.0 - t);
+    if (t > 0.0 && t < 1.0 && 2.0 - t < 2.0) {
         // The usual case: the arguments 1 + t, t, 1 - t, 2 - t lie in [1, 2),
         // [0, 1), (0, 1) and (1, 2), all positive, so each lane's polynomial
-        // is known and the other need not be evaluated.
-        auto poly = [](__m128d x, __m128d c3, __m128d c2, __m128d c1, __m128d c0) {
-            const __m128d x2 = _mm_mul_pd(x, x);
-            const __m128d x3 = _mm_mul_pd(x2, x);
-            return _mm_add_pd(_mm_add_pd(_mm_add_pd(_mm_mul_pd(c3, x3), _mm_mul_pd(c2, x2)), _mm_mul_pd(c1, x)), c0);
-        };
-        const __m128d w01 = poly(a01, _mm_set_pd(k.in3, k.out3), _mm_set_pd(k.in2, k.out2), _mm_set_pd(k.in1, k.out1),
-                                 _mm_set_pd(k.in0, k.out0));
-        const __m128d w23 = poly(a23, _mm_set_pd(k.out3, k.in3), _mm_set_pd(k.out2, k.in2), _mm_set_pd(k.out1, k.in1),
-                                 _mm_set_pd(k.out0, k.in0));
-        return _mm_movelh_ps(_mm_cvtpd_ps(w01), _mm_cvtpd_ps(w23));
+        // is known and the other need not be evaluated. A t below about
+        // 2^-52 does not qualify: 1 - t and 2 - t round to 1 and 2, where the
+        // scalar rule takes the outer polynomial and 0.
+        const OwnD2 w01 = poly(a01, ownSetLanes(k.out3, k.in3), ownSetLanes(k.out2, k.in2),
+                               ownSetLanes(k.out1, k.in1), ownSetLanes(k.out0, k.in0));
+        const OwnD2 w23 = poly(a23, ownSetLanes(k.in3, k.out3), ownSetLanes(k.in2, k.out2),
+                               ownSetLanes(k.in1, k.out1), ownSetLanes(k.in0, k.out0));
+        return ownNarrow(w01, w23);
     }
-    return _mm_movelh_ps(_mm_cvtpd_ps(weight(a01)), _mm_cvtpd_ps(weight(a23)));
-}
-
-// Four elements from p as floats.
-inline __m128 ownLoad4(const float* p) { return _mm_loadu_ps(p); }
-inline __m128 ownLoad4(const std::uint16_t* p) {
-    return _mm_cvtepi32_ps(
-        _mm_unpacklo_epi16(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)), _mm_setzero_si128()));
-}
-inline __m128 ownLoad4(const std::uint8_t* p) {
-    std::uint32_t v;
-    std::memcpy(&v, p, 4);
-    const __m128i zero = _mm_setzero_si128();
-    return _mm_cvtepi32_ps(_mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(v)), zero), zero));
+    return ownNarrow(weight(a01), weight(a23));
 }
 
 // Sum of the lanes of v weighted by the lanes of w, in the order of
 // ownCubicSum: ((w0 v0 + w1 v1) + w2 v2) + w3 v3.
-VEKR_ALWAYS_INLINE inline float ownCubicDot(__m128 v, __m128 w) {
-    const __m128 p = _mm_mul_ps(w, v);
-    const __m128 s01 = _mm_add_ss(p, _mm_shuffle_ps(p, p, 0x55));
-    const __m128 s012 = _mm_add_ss(s01, _mm_movehl_ps(p, p));
-    return _mm_cvtss_f32(_mm_add_ss(s012, _mm_shuffle_ps(p, p, 0xFF)));
-}
+OWN_LANE float ownCubicDot(OwnF4 v, OwnF4 w) { return ownSumLanes(w * v); }
 
 // The cubic weights of one axis broadcast to four vectors.
 struct OwnCubicWeights4 {
-    __m128 w0, w1, w2, w3;
+    OwnF4 w0, w1, w2, w3;
 };
-VEKR_ALWAYS_INLINE inline OwnCubicWeights4 ownBroadcast(__m128 w) {
-    return OwnCubicWeights4{_mm_shuffle_ps(w, w, 0x00), _mm_shuffle_ps(w, w, 0x55), _mm_shuffle_ps(w, w, 0xAA),
-                            _mm_shuffle_ps(w, w, 0xFF)};
+OWN_LANE OwnCubicWeights4 ownSpreadWeights(OwnF4 w) {
+    return OwnCubicWeights4{ownBroadcastLane<0>(w), ownBroadcastLane<1>(w), ownBroadcastLane<2>(w),
+                            ownBroadcastLane<3>(w)};
 }
 
 // Sums along x of four rows, lane j for row j: each row's four x taps are
@@ -482,30 +441,31 @@ VEKR_ALWAYS_INLINE inline OwnCubicWeights4 ownBroadcast(__m128 w) {
 // transposed so that vector j holds x tap j of the four rows, and the sums
 // run lane-wise in the order of ownCubicSum.
 template <class T>
-VEKR_ALWAYS_INLINE inline __m128 ownCubicRows4(const T* r0, const T* r1, const T* r2, const T* r3, const int xs[4],
-                                               bool contiguous, const OwnCubicWeights4& wx) {
-    __m128 a, b, c, d;
+OWN_LANE OwnF4 ownCubicRows4(const T* r0, const T* r1, const T* r2, const T* r3, const int xs[4], bool contiguous,
+                             const OwnCubicWeights4& wx) {
+    OwnF4 a, b, c, d;
     if (contiguous) {
-        a = ownLoad4(r0 + xs[0]), b = ownLoad4(r1 + xs[0]), c = ownLoad4(r2 + xs[0]), d = ownLoad4(r3 + xs[0]);
+        a = ownLoadAsFloat(r0 + xs[0]), b = ownLoadAsFloat(r1 + xs[0]), c = ownLoadAsFloat(r2 + xs[0]),
+        d = ownLoadAsFloat(r3 + xs[0]);
     } else {
-        auto gather = [xs](const T* r) {
-            return _mm_setr_ps(static_cast<float>(r[xs[0]]), static_cast<float>(r[xs[1]]), static_cast<float>(r[xs[2]]),
+        auto gather = [xs](const T* r) OWN_KERNEL {
+            return ownSetLanes(static_cast<float>(r[xs[0]]), static_cast<float>(r[xs[1]]), static_cast<float>(r[xs[2]]),
                                static_cast<float>(r[xs[3]]));
         };
         a = gather(r0), b = gather(r1), c = gather(r2), d = gather(r3);
     }
-    _MM_TRANSPOSE4_PS(a, b, c, d);
-    return ownCubicSum4(a, b, c, d, wx.w0, wx.w1, wx.w2, wx.w3);
+    ownTranspose(a, b, c, d);
+    return ownCubicSum(a, b, c, d, wx.w0, wx.w1, wx.w2, wx.w3);
 }
 
 // ownSampleCubic with four sums at a time as lanes: the x sums of the four
 // rows of a plane (ownCubicRows4), then the y sums of the four planes after
 // a transpose, then the z sum (ownCubicDot); every sum in the scalar order.
 template <class T, int Dims, class C>
-VEKR_ALWAYS_INLINE inline float ownSampleCubicSse(const OwnSource<T>& s, const OwnCubicKernel& k, C x, C y, C z) {
+OWN_LANE float ownSampleCubicSse(const OwnSource<T>& s, const OwnCubicKernel& k, C x, C y, C z) {
     const C c[3] = {x, y, z};
     int tap[3][4];
-    __m128 w[3];
+    OwnF4 w[3];
     bool contiguous = true;
     for (int ax = 0; ax < Dims; ++ax) {
         const int i0 = static_cast<int>(c[ax]);
@@ -520,16 +480,19 @@ VEKR_ALWAYS_INLINE inline float ownSampleCubicSse(const OwnSource<T>& s, const O
             if (ax == 0) contiguous = false;
         }
     }
-    const OwnCubicWeights4 wx = ownBroadcast(w[0]);
+    const OwnCubicWeights4 wx = ownSpreadWeights(w[0]);
+    // Called out of line for each plane. It hands back the raw register:
+    // on i386 a wrapper struct would be returned through memory.
     auto plane = [&](int zi) {
         return ownCubicRows4(ownSourceRow(s, zi, tap[1][0]), ownSourceRow(s, zi, tap[1][1]),
-                             ownSourceRow(s, zi, tap[1][2]), ownSourceRow(s, zi, tap[1][3]), tap[0], contiguous, wx);
+                             ownSourceRow(s, zi, tap[1][2]), ownSourceRow(s, zi, tap[1][3]), tap[0], contiguous, wx)
+            .v;
     };
     if (Dims == 2) return ownCubicDot(plane(0), w[1]);
-    __m128 p0 = plane(tap[2][0]), p1 = plane(tap[2][1]), p2 = plane(tap[2][2]), p3 = plane(tap[2][3]);
-    _MM_TRANSPOSE4_PS(p0, p1, p2, p3);  // pj = the row sums of y tap j in the four planes
-    const OwnCubicWeights4 wy = ownBroadcast(w[1]);
-    return ownCubicDot(ownCubicSum4(p0, p1, p2, p3, wy.w0, wy.w1, wy.w2, wy.w3), w[2]);
+    OwnF4 p0 = plane(tap[2][0]), p1 = plane(tap[2][1]), p2 = plane(tap[2][2]), p3 = plane(tap[2][3]);
+    ownTranspose(p0, p1, p2, p3);  // pj = the row sums of y tap j in the four planes
+    const OwnCubicWeights4 wy = ownSpreadWeights(w[1]);
+    return ownCubicDot(ownCubicSum(p0, p1, p2, p3, wy.w0, wy.w1, wy.w2, wy.w3), w[2]);
 }
 
 // ---------------------------------------------------------------------------
@@ -582,25 +545,24 @@ void ownRemapRowNearest(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
 // one.
 template <class T, int Dims>
 void ownRemapRowNearestSse(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
-    __m128 lo[3], hi[3];
+    OwnF4 lo[3], hi[3];
     for (int ax = 0; ax < 3; ++ax) {
-        lo[ax] = _mm_set1_ps(s.loF[ax]);
-        hi[ax] = _mm_set1_ps(s.hiF[ax]);
+        lo[ax] = OwnF4(s.loF[ax]);
+        hi[ax] = OwnF4(s.hiF[ax]);
     }
     for (int i = 0; i < a.width; i += 4) {
-        const __m128 c[3] = {_mm_load_ps(a.px + i), _mm_load_ps(a.py + i),
-                             Dims == 3 ? _mm_load_ps(a.pz + i) : _mm_setzero_ps()};
-        __m128 outside = _mm_setzero_ps();
-        __m128i idx[3];
+        const OwnF4 c[3] = {ownLoadA(a.px + i), ownLoadA(a.py + i), Dims == 3 ? ownLoadA(a.pz + i) : OwnF4(0.0f)};
+        OwnM4 outside(false);
+        OwnI4 idx[3];
         for (int ax = 0; ax < Dims; ++ax) {
-            outside = _mm_or_ps(outside, _mm_or_ps(_mm_cmplt_ps(c[ax], lo[ax]), _mm_cmpgt_ps(c[ax], hi[ax])));
-            idx[ax] = _mm_cvtps_epi32(_mm_min_ps(_mm_max_ps(c[ax], lo[ax]), hi[ax]));
+            outside = ownOr(outside, ownOr(c[ax] < lo[ax], c[ax] > hi[ax]));
+            idx[ax] = ownRoundToInt(ownMin(ownMax(c[ax], lo[ax]), hi[ax]));
         }
-        int inside = ~_mm_movemask_ps(outside) & 15;
+        int inside = ~ownMoveMask(outside) & 15;
         if (inside == 0) continue;
         std::int32_t off[4], z[4] = {0, 0, 0, 0};
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(off), ownTapOffsets<T>(idx[0], idx[1], s.step));
-        if (Dims == 3) _mm_storeu_si128(reinterpret_cast<__m128i*>(z), idx[2]);
+        ownStoreU(off, ownTapOffsets<T>(idx[0], idx[1], s.step));
+        if (Dims == 3) ownStoreU(z, idx[2]);
         for (int j = 0; j < 4; ++j, inside >>= 1)
             if (inside & 1)
                 std::memcpy(a.pDst + i + j, reinterpret_cast<const std::uint8_t*>(s.pPlanes[z[j]]) + off[j], sizeof(T));
@@ -639,26 +601,25 @@ void ownRemapRowLinear(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
 template <class T, int Dims, bool EvenPlanes>
 void ownRemapRowLinearLanes(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
     const OwnLinearCtx<T> k = ownLinearCtx(s);
-    __m128 lo[3], hi[3], top[3];
+    OwnF4 lo[3], hi[3], top[3];
     for (int ax = 0; ax < 3; ++ax) {
-        lo[ax] = _mm_set1_ps(s.loF[ax]);
-        hi[ax] = _mm_set1_ps(s.hiF[ax]);
-        top[ax] = _mm_set1_ps(static_cast<float>(k.top[ax]));
+        lo[ax] = OwnF4(s.loF[ax]);
+        hi[ax] = OwnF4(s.hiF[ax]);
+        top[ax] = OwnF4(static_cast<float>(k.top[ax]));
     }
     for (int i = 0; i < a.width; i += 4) {
-        const __m128 x = _mm_load_ps(a.px + i), y = _mm_load_ps(a.py + i);
-        const __m128 z = Dims == 3 ? _mm_load_ps(a.pz + i) : _mm_setzero_ps();
-        __m128 inside = _mm_and_ps(_mm_and_ps(_mm_cmpge_ps(x, lo[0]), _mm_cmple_ps(x, hi[0])),
-                                   _mm_and_ps(_mm_cmpge_ps(y, lo[1]), _mm_cmple_ps(y, hi[1])));
-        if (Dims == 3) inside = _mm_and_ps(inside, _mm_and_ps(_mm_cmpge_ps(z, lo[2]), _mm_cmple_ps(z, hi[2])));
-        const int mask = _mm_movemask_ps(inside);
+        const OwnF4 x = ownLoadA(a.px + i), y = ownLoadA(a.py + i);
+        const OwnF4 z = Dims == 3 ? ownLoadA(a.pz + i) : OwnF4(0.0f);
+        OwnM4 inside = ownAnd(ownAnd(x >= lo[0], x <= hi[0]), ownAnd(y >= lo[1], y <= hi[1]));
+        if (Dims == 3) inside = ownAnd(inside, ownAnd(z >= lo[2], z <= hi[2]));
+        const int mask = ownMoveMask(inside);
         if (mask == 0) continue;
-        __m128 tx, ty, tz = _mm_setzero_ps();
-        const __m128i ix = ownLinearIndex4(x, lo[0], top[0], tx);
-        const __m128i iy = ownLinearIndex4(y, lo[1], top[1], ty);
-        const __m128i iz = Dims == 3 ? ownLinearIndex4(z, lo[2], top[2], tz) : _mm_setzero_si128();
-        const __m128i off = ownLaneOffsets<T, Dims, EvenPlanes>(k, ix, iy, iz);
-        const __m128 v = ownBlendLinearLanes<T, Dims, EvenPlanes>(k, off, iz, tx, ty, tz);
+        OwnF4 tx, ty, tz(0.0f);
+        const OwnI4 ix = ownLinearIndex4(x, lo[0], top[0], tx);
+        const OwnI4 iy = ownLinearIndex4(y, lo[1], top[1], ty);
+        const OwnI4 iz = Dims == 3 ? ownLinearIndex4(z, lo[2], top[2], tz) : OwnI4(0);
+        const OwnI4 off = ownLaneOffsets<T, Dims, EvenPlanes>(k, ix, iy, iz);
+        const OwnF4 v = ownBlendLinearLanes<T, Dims, EvenPlanes>(k, off, iz, tx, ty, tz);
         ownStoreLanes(a.pDst + i, v, mask);
     }
 }
@@ -773,32 +734,32 @@ void ownWarpRowLinear(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
 // same additions as the scalar walk (x and y side by side in one register,
 // z alone); lastXy and lastZ hold point i + 3.
 struct OwnWarpWalk4 {
-    __m128d xy, dxy, lastXy;
+    OwnD2 xy, dxy, lastXy;
     double z, dz, lastZ;
     OwnWarpWalk4(const double start[3], const double delta[3])
-        : xy(_mm_set_pd(start[1], start[0])), dxy(_mm_set_pd(delta[1], delta[0])), lastXy(xy),
+        : xy(ownSetLanes(start[0], start[1])), dxy(ownSetLanes(delta[0], delta[1])), lastXy(xy),
           z(start[2]), dz(delta[2]), lastZ(z) {}
-    VEKR_ALWAYS_INLINE void nextXy(__m128d c01[3], __m128d c23[3]) {
-        const __m128d p0 = xy, p1 = _mm_add_pd(p0, dxy), p2 = _mm_add_pd(p1, dxy), p3 = _mm_add_pd(p2, dxy);
-        c01[0] = _mm_unpacklo_pd(p0, p1), c01[1] = _mm_unpackhi_pd(p0, p1);
-        c23[0] = _mm_unpacklo_pd(p2, p3), c23[1] = _mm_unpackhi_pd(p2, p3);
+    OWN_LANE void nextXy(OwnD2 c01[3], OwnD2 c23[3]) {
+        const OwnD2 p0 = xy, p1 = p0 + dxy, p2 = p1 + dxy, p3 = p2 + dxy;
+        c01[0] = ownInterleaveLo(p0, p1), c01[1] = ownInterleaveHi(p0, p1);
+        c23[0] = ownInterleaveLo(p2, p3), c23[1] = ownInterleaveHi(p2, p3);
         lastXy = p3;
-        xy = _mm_add_pd(p3, dxy);
+        xy = p3 + dxy;
     }
-    VEKR_ALWAYS_INLINE void next(__m128d c01[3], __m128d c23[3]) {
+    OWN_LANE void next(OwnD2 c01[3], OwnD2 c23[3]) {
         nextXy(c01, c23);
         const double z1 = z + dz, z2 = z1 + dz, z3 = z2 + dz;
-        c01[2] = _mm_set_pd(z1, z), c23[2] = _mm_set_pd(z3, z2);
+        c01[2] = ownSetLanes(z, z1), c23[2] = ownSetLanes(z2, z3);
         lastZ = z3;
         z = z3 + dz;
     }
     // The current point (the next to come), as three doubles.
     void point(double c[3]) const {
-        _mm_storeu_pd(c, xy);
+        ownStoreU(c, xy);
         c[2] = z;
     }
     void deltas(double d[3]) const {
-        _mm_storeu_pd(d, dxy);
+        ownStoreU(d, dxy);
         d[2] = dz;
     }
 };
@@ -852,65 +813,65 @@ inline int ownWarpSurelyInside(const double c[3], const double d[3], const OwnBo
 template <class T, int Dims, bool EvenPlanes>
 void ownWarpRowLinearLanes(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
     const OwnLinearCtx<T> k = ownLinearCtx(s);
-    __m128d lo[3], hi[3], top[3];
+    OwnD2 lo[3], hi[3], top[3];
     for (int ax = 0; ax < 3; ++ax) {
-        lo[ax] = _mm_set1_pd(s.lo[ax]);
-        hi[ax] = _mm_set1_pd(s.hi[ax]);
-        top[ax] = _mm_set1_pd(k.top[ax]);
+        lo[ax] = OwnD2(static_cast<double>(s.lo[ax]));
+        hi[ax] = OwnD2(static_cast<double>(s.hi[ax]));
+        top[ax] = OwnD2(static_cast<double>(k.top[ax]));
     }
     const OwnBoxD box = ownBoxD(s);
-    const __m128d loXy = _mm_set_pd(box.lo[1], box.lo[0]), hiXy = _mm_set_pd(box.hi[1], box.hi[0]);
+    const OwnD2 loXy = ownSetLanes(box.lo[0], box.lo[1]), hiXy = ownSetLanes(box.hi[0], box.hi[1]);
     OwnWarpWalk4 walk(a.start, a.delta);
-    __m128d c01[3], c23[3];
+    OwnD2 c01[3], c23[3];
 
     // A plane z tap fixed for a stretch of the row: index, fraction and the
     // plane's offset from the origin, on all lanes.
     struct {
-        __m128i iz, planeOff;
-        __m128 t;
-    } fixedZ = {_mm_setzero_si128(), _mm_setzero_si128(), _mm_setzero_ps()};
+        OwnI4 iz, planeOff;
+        OwnF4 t;
+    } fixedZ = {OwnI4(0), OwnI4(0), OwnF4(0.0f)};
 
     // Taps, fractions and blend of the four points in c01, c23. Clamped
     // takes outside lanes' indices into the box, as ownLinearIndex4 does, and
     // gives inside points min(trunc(c), top), the scalar rule's index; points
     // below hi need neither clamp. With fixed a std::true_type the z tap is
     // fixedZ's.
-    auto blend = [&](bool clamped, auto fixed) VEKR_ALWAYS_INLINE {
+    auto blend = [&](bool clamped, auto fixed) OWN_KERNEL {
         constexpr bool kFixedZ = decltype(fixed)::value;
-        __m128 t[3] = {_mm_setzero_ps(), _mm_setzero_ps(), _mm_setzero_ps()};
-        __m128i idx[3] = {_mm_setzero_si128(), _mm_setzero_si128(), _mm_setzero_si128()};
+        OwnF4 t[3] = {OwnF4(0.0f), OwnF4(0.0f), OwnF4(0.0f)};
+        OwnI4 idx[3] = {OwnI4(0), OwnI4(0), OwnI4(0)};
 #pragma GCC unroll 3
         for (int ax = 0; ax < (kFixedZ ? 2 : Dims); ++ax) {
-            __m128d p01 = c01[ax], p23 = c23[ax];
+            OwnD2 p01 = c01[ax], p23 = c23[ax];
             if (clamped) {
-                p01 = _mm_min_pd(_mm_max_pd(p01, lo[ax]), top[ax]);
-                p23 = _mm_min_pd(_mm_max_pd(p23, lo[ax]), top[ax]);
+                p01 = ownMin(ownMax(p01, lo[ax]), top[ax]);
+                p23 = ownMin(ownMax(p23, lo[ax]), top[ax]);
             }
-            const __m128i i01 = _mm_cvttpd_epi32(p01), i23 = _mm_cvttpd_epi32(p23);
-            const __m128d f01 = _mm_sub_pd(c01[ax], _mm_cvtepi32_pd(i01));
-            const __m128d f23 = _mm_sub_pd(c23[ax], _mm_cvtepi32_pd(i23));
-            t[ax] = _mm_movelh_ps(_mm_cvtpd_ps(f01), _mm_cvtpd_ps(f23));
-            idx[ax] = _mm_unpacklo_epi64(i01, i23);
+            const OwnI4 i01 = ownTruncToInt(p01), i23 = ownTruncToInt(p23);
+            const OwnD2 f01 = c01[ax] - ownToDouble2(i01);
+            const OwnD2 f23 = c23[ax] - ownToDouble2(i23);
+            t[ax] = ownNarrow(f01, f23);
+            idx[ax] = ownConcatLow(i01, i23);
         }
-        __m128i off;
+        OwnI4 off;
         if (kFixedZ) {
             t[2] = fixedZ.t;
             idx[2] = fixedZ.iz;
-            off = _mm_add_epi32(ownTapOffsets<T>(idx[0], idx[1], k.step), fixedZ.planeOff);
+            off = ownTapOffsets<T>(idx[0], idx[1], k.step) + fixedZ.planeOff;
         } else {
             off = ownLaneOffsets<T, Dims, EvenPlanes>(k, idx[0], idx[1], idx[2]);
         }
         return ownBlendLinearLanes<T, Dims, EvenPlanes>(k, off, idx[2], t[0], t[1], t[2]);
     };
     const std::false_type kVaryingZ;
-    auto insideMask = [&]() VEKR_ALWAYS_INLINE {
-        __m128d in01 = _mm_castsi128_pd(_mm_set1_epi32(-1)), in23 = in01;
+    auto insideMask = [&]() OWN_KERNEL {
+        OwnMD2 in01(true), in23 = in01;
 #pragma GCC unroll 3
         for (int ax = 0; ax < Dims; ++ax) {
-            in01 = _mm_and_pd(in01, _mm_and_pd(_mm_cmpge_pd(c01[ax], lo[ax]), _mm_cmple_pd(c01[ax], hi[ax])));
-            in23 = _mm_and_pd(in23, _mm_and_pd(_mm_cmpge_pd(c23[ax], lo[ax]), _mm_cmple_pd(c23[ax], hi[ax])));
+            in01 = ownAnd(in01, ownAnd(c01[ax] >= lo[ax], c01[ax] <= hi[ax]));
+            in23 = ownAnd(in23, ownAnd(c23[ax] >= lo[ax], c23[ax] <= hi[ax]));
         }
-        return _mm_movemask_pd(in01) | (_mm_movemask_pd(in23) << 2);
+        return ownMoveMask(in01) | (ownMoveMask(in23) << 2);
     };
 
     int i = 0;
@@ -938,9 +899,9 @@ void ownWarpRowLinearLanes(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
         // the walk's current z, so its tap is found once.
         const double z = walk.z;
         const int iz = static_cast<int>(z);
-        fixedZ.iz = _mm_set1_epi32(iz);
-        fixedZ.planeOff = _mm_set1_epi32(EvenPlanes ? static_cast<int>(iz * k.planeStep) : 0);
-        fixedZ.t = _mm_set1_ps(static_cast<float>(z - static_cast<double>(iz)));
+        fixedZ.iz = OwnI4(iz);
+        fixedZ.planeOff = OwnI4(EvenPlanes ? static_cast<int>(iz * k.planeStep) : 0);
+        fixedZ.t = OwnF4(static_cast<float>(z - static_cast<double>(iz)));
         for (; i + 4 <= sure; i += 4) {
             walk.nextXy(c01, c23);
             ownStoreInterp4(a.pDst + i, blend(false, std::true_type()));
@@ -953,9 +914,9 @@ void ownWarpRowLinearLanes(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
     // Lane 0 follows an inside point.
     for (; i < a.count; i += 4) {
         walk.next(c01, c23);
-        const __m128d inXy = _mm_and_pd(_mm_cmpge_pd(walk.lastXy, loXy), _mm_cmple_pd(walk.lastXy, hiXy));
+        const OwnMD2 inXy = ownAnd(walk.lastXy >= loXy, walk.lastXy <= hiXy);
         const bool lastInside =
-            _mm_movemask_pd(inXy) == 3 && (Dims == 2 || (walk.lastZ >= box.lo[2] && walk.lastZ <= box.hi[2]));
+            ownMoveMask(inXy) == 3 && (Dims == 2 || (walk.lastZ >= box.lo[2] && walk.lastZ <= box.hi[2]));
         if (!lastInside) {
             ownStoreLanes(a.pDst + i, blend(true, kVaryingZ), insideMask());
             return;

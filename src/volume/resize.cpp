@@ -231,42 +231,23 @@ inline float ownXVoxel(const T* src, const OwnAxis& a, int k) {
                        a.w + 4 * k);
 }
 
-// Four consecutive source elements as floats (exact for 8u and 16u).
-inline __m128 ownLoad4(const float* p) { return _mm_loadu_ps(p); }
-inline __m128 ownLoad4(const std::uint8_t* p) {
-    int v;
-    std::memcpy(&v, p, 4);
-    const __m128i z = _mm_setzero_si128();
-    const __m128i b = _mm_unpacklo_epi8(_mm_cvtsi32_si128(v), z);
-    return _mm_cvtepi32_ps(_mm_unpacklo_epi16(b, z));
-}
-inline __m128 ownLoad4(const std::uint16_t* p) {
-    const __m128i h = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
-    return _mm_cvtepi32_ps(_mm_unpacklo_epi16(h, _mm_setzero_si128()));
-}
-
 // The tap pairs p[f[j]], p[f[j] + 1] of four outputs j as floats: v0 holds the
 // first taps, v1 the second. Each pair is one load (bits copied, so float
 // pairs keep NaN payloads); the de-interleave is a shuffle.
-inline void ownLoadPairs4(const float* p, const int* f, __m128* v0, __m128* v1) {
-    // movlps/movhps through __m64, a may-alias type.
-    auto pairs = [](const float* lo, const float* hi) {
-        const __m128 l = _mm_loadl_pi(_mm_setzero_ps(), reinterpret_cast<const __m64*>(lo));
-        return _mm_loadh_pi(l, reinterpret_cast<const __m64*>(hi));
-    };
-    const __m128 ab = pairs(p + f[0], p + f[1]);  // a0 a1 b0 b1
-    const __m128 cd = pairs(p + f[2], p + f[3]);  // c0 c1 d0 d1
-    *v0 = _mm_shuffle_ps(ab, cd, _MM_SHUFFLE(2, 0, 2, 0));
-    *v1 = _mm_shuffle_ps(ab, cd, _MM_SHUFFLE(3, 1, 3, 1));
+inline void ownLoadPairs4(const float* p, const int* f, OwnF4* v0, OwnF4* v1) {
+    const OwnF4 ab = ownLoadPairs(p + f[0], p + f[1]);  // a0 a1 b0 b1
+    const OwnF4 cd = ownLoadPairs(p + f[2], p + f[3]);  // c0 c1 d0 d1
+    *v0 = ownEvenLanes(ab, cd);
+    *v1 = ownOddLanes(ab, cd);
 }
-inline void ownLoadPairs4(const std::uint16_t* p, const int* f, __m128* v0, __m128* v1) {
+inline void ownLoadPairs4(const std::uint16_t* p, const int* f, OwnF4* v0, OwnF4* v1) {
     std::uint32_t q[4];
     for (int j = 0; j < 4; ++j) std::memcpy(&q[j], p + f[j], 4);
-    const __m128i packed = _mm_setr_epi32(int(q[0]), int(q[1]), int(q[2]), int(q[3]));
-    *v0 = _mm_cvtepi32_ps(_mm_and_si128(packed, _mm_set1_epi32(0xFFFF)));
-    *v1 = _mm_cvtepi32_ps(_mm_srli_epi32(packed, 16));
+    const OwnI4 packed = ownSetLanes(int(q[0]), int(q[1]), int(q[2]), int(q[3]));
+    *v0 = ownToFloat(packed & OwnI4(0xFFFF));
+    *v1 = ownToFloat(ownShiftRight<16>(packed));
 }
-inline void ownLoadPairs4(const std::uint8_t* p, const int* f, __m128* v0, __m128* v1) {
+inline void ownLoadPairs4(const std::uint8_t* p, const int* f, OwnF4* v0, OwnF4* v1) {
     // Each 16-bit pair goes straight into the low half of its 32-bit lane
     // (pinsrw); building the vector through memory would stall on store
     // forwarding of four small stores into one wide load.
@@ -275,12 +256,12 @@ inline void ownLoadPairs4(const std::uint8_t* p, const int* f, __m128* v0, __m12
         std::memcpy(&v, q, 2);
         return int(v);
     };
-    __m128i packed = _mm_cvtsi32_si128(pair(p + f[0]));
-    packed = _mm_insert_epi16(packed, pair(p + f[1]), 2);
-    packed = _mm_insert_epi16(packed, pair(p + f[2]), 4);
-    packed = _mm_insert_epi16(packed, pair(p + f[3]), 6);
-    *v0 = _mm_cvtepi32_ps(_mm_and_si128(packed, _mm_set1_epi32(0xFF)));
-    *v1 = _mm_cvtepi32_ps(_mm_srli_epi32(packed, 8));
+    OwnW8 packed = ownAsW8(ownInLane0(pair(p + f[0])));
+    packed = ownInsert16<2>(packed, pair(p + f[1]));
+    packed = ownInsert16<4>(packed, pair(p + f[2]));
+    packed = ownInsert16<6>(packed, pair(p + f[3]));
+    *v0 = ownToFloat(ownAsI4(packed) & OwnI4(0xFF));
+    *v1 = ownToFloat(ownShiftRight<8>(ownAsI4(packed)));
 }
 
 // Vector form of four unclamped x coordinates k..k+3.
@@ -290,20 +271,20 @@ inline void ownLoadPairs4(const std::uint8_t* p, const int* f, __m128* v0, __m12
 //  quadruples are transposed the same way. Then the lanes compute the scalar
 //  rule.
 template <int kTaps, class T>
-inline __m128 ownXVoxel4(const T* src, const OwnAxis& a, int k) {
+inline OwnF4 ownXVoxel4(const T* src, const OwnAxis& a, int k) {
     const int* f = a.first + k;
     if (kTaps == 2) {
-        __m128 v0, v1;
+        OwnF4 v0, v1;
         ownLoadPairs4(src, f, &v0, &v1);
-        return ownLerp4(v0, v1, _mm_loadu_ps(a.w + k));
+        return ownLerp(v0, v1, ownLoadU(a.w + k));
     }
-    __m128 v0 = ownLoad4(src + f[0]), v1 = ownLoad4(src + f[1]);
-    __m128 v2 = ownLoad4(src + f[2]), v3 = ownLoad4(src + f[3]);
-    _MM_TRANSPOSE4_PS(v0, v1, v2, v3);
+    OwnF4 v0 = ownLoadAsFloat(src + f[0]), v1 = ownLoadAsFloat(src + f[1]);
+    OwnF4 v2 = ownLoadAsFloat(src + f[2]), v3 = ownLoadAsFloat(src + f[3]);
+    ownTranspose(v0, v1, v2, v3);
     const float* w = a.w + 4 * k;  // 16-byte aligned: the table is, and each entry is 16 bytes
-    __m128 w0 = _mm_load_ps(w), w1 = _mm_load_ps(w + 4), w2 = _mm_load_ps(w + 8), w3 = _mm_load_ps(w + 12);
-    _MM_TRANSPOSE4_PS(w0, w1, w2, w3);
-    return ownCubicSum4(v0, v1, v2, v3, w0, w1, w2, w3);
+    OwnF4 w0 = ownLoadA(w), w1 = ownLoadA(w + 4), w2 = ownLoadA(w + 8), w3 = ownLoadA(w + 12);
+    ownTranspose(w0, w1, w2, w3);
+    return ownCubicSum(v0, v1, v2, v3, w0, w1, w2, w3);
 }
 
 // Asks the cache for the elements [x0, x1] of a row, one request per 64 bytes.
@@ -311,7 +292,7 @@ template <class T>
 inline void ownPrefetchSpan(const T* row, int x0, int x1) {
     const char* p = reinterpret_cast<const char*>(row + x0);
     const char* end = reinterpret_cast<const char*>(row + x1);
-    for (; p <= end; p += 64) _mm_prefetch(p, _MM_HINT_T0);
+    for (; p <= end; p += 64) ownPrefetch(p);
 }
 
 // Interpolates one source row (src points at the row's voxel x = 0) into out.
@@ -320,7 +301,7 @@ void ownXPass(const T* src, const OwnAxis& a, float* out) {
     int k = 0;
     if (kVec) {
         for (; k < a.inA; ++k) out[k] = ownXVoxel<kTaps>(src, a, k);
-        for (; k + 4 <= a.inB; k += 4) _mm_storeu_ps(out + k, ownXVoxel4<kTaps>(src, a, k));
+        for (; k + 4 <= a.inB; k += 4) ownStoreU(out + k, ownXVoxel4<kTaps>(src, a, k));
     }
     for (; k < a.n; ++k) out[k] = ownXVoxel<kTaps>(src, a, k);
 }
@@ -347,16 +328,14 @@ template <int kTaps, class TOut>
 inline void ownCombineVector(const float* const* rows, const float* w, TOut* out, int n) {
     int i = 0;
     if (kTaps == 2) {
-        const __m128 t = _mm_set1_ps(w[0]);
-        for (; i + 4 <= n; i += 4)
-            ownStoreInterp4(out + i, ownLerp4(_mm_load_ps(rows[0] + i), _mm_load_ps(rows[1] + i), t));
+        const OwnF4 t(w[0]);
+        for (; i + 4 <= n; i += 4) ownStoreInterp4(out + i, ownLerp(ownLoadA(rows[0] + i), ownLoadA(rows[1] + i), t));
     } else {
-        const __m128 w0 = _mm_set1_ps(w[0]), w1 = _mm_set1_ps(w[1]);
-        const __m128 w2 = _mm_set1_ps(w[2]), w3 = _mm_set1_ps(w[3]);
+        const OwnF4 w0(w[0]), w1(w[1]), w2(w[2]), w3(w[3]);
         for (; i + 4 <= n; i += 4)
-            ownStoreInterp4(out + i, ownCubicSum4(_mm_load_ps(rows[0] + i), _mm_load_ps(rows[1] + i),
-                                                  _mm_load_ps(rows[kTaps > 2 ? 2 : 0] + i),
-                                                  _mm_load_ps(rows[kTaps > 3 ? 3 : 0] + i), w0, w1, w2, w3));
+            ownStoreInterp4(out + i, ownCubicSum(ownLoadA(rows[0] + i), ownLoadA(rows[1] + i),
+                                                 ownLoadA(rows[kTaps > 2 ? 2 : 0] + i),
+                                                 ownLoadA(rows[kTaps > 3 ? 3 : 0] + i), w0, w1, w2, w3));
     }
     ownCombineScalar<kTaps>(rows, w, out, i, n);
 }
