@@ -180,20 +180,72 @@ bool ownNearestPacket(const OwnOrigins& org, const float* const dir[3], float* d
     return true;
 }
 
+// A 4 x 4 tile: four rays at i, i + width, i + 2 width and i + 3 width, walked
+// together. Returns false, having written nothing, when the rays that enter
+// the box disagree in a direction sign.
+template <template <class> class Policy, OwnBoxMode mode>
+bool ownNearestTile(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2],
+                    int32_t* trngl, std::size_t i, std::size_t width, const VekrIntersectContext* ctx) {
+    constexpr int G = 4;
+    OwnRay<OwnLane4<>> r[G];
+    OwnF4 tNear[G], tFar[G];
+    OwnM4 neg[G][3];
+    int alive = 0;
+    for (int g = 0; g < G; ++g) {
+        const std::size_t e = i + g * width;
+        for (int a = 0; a < 3; ++a) {
+            r[g].o[a] = org.stride ? ownLoadA(org.planes[a] + e) : OwnF4(org.planes[a][0]);
+            r[g].d[a] = ownLoadA(dir[a] + e);
+        }
+        tNear[g] = OwnF4(0.0f);
+        tFar[g] = ownLoadA(dist + e);
+        alive |= ownMoveMask(ownSetupRay<OwnLane4<>, mode>(ctx->pBound, r[g], tNear[g], tFar[g], neg[g])) << (4 * g);
+    }
+    int sign[3] = {0, 0, 0};
+    if (alive && !ownCommonSignsTile<G>(neg, alive, sign)) return false;
+    Policy<OwnLane4<>> p[G];
+    for (int g = 0; g < G; ++g) {
+        const std::size_t e = i + g * width;
+        p[g].dist = ownLoadA(dist + e);
+        p[g].h0 = ownLoadA(hit[0] + e);
+        p[g].h1 = ownLoadA(hit[1] + e);
+        p[g].idx = OwnI4(-1);
+    }
+    // Only the eye query (mode Eye) has one origin for all rays.
+    if (alive) ownWalkTile<G, mode == OwnBoxMode::Eye>(ctx->pRootNode, ctx->pAccel, r, sign, tNear, tFar, alive, p);
+    for (int g = 0; g < G; ++g) {
+        const std::size_t e = i + g * width;
+        ownStoreA(dist + e, p[g].dist);
+        ownStoreA(hit[0] + e, p[g].h0);
+        ownStoreA(hit[1] + e, p[g].h1);
+        ownStoreA(trngl + e, p[g].idx);
+    }
+    return true;
+}
+
+// The vector path walks 4 x 4 tiles; a tile whose rays disagree in a
+// direction sign goes row by row as four-ray packets, and a packet that
+// disagrees goes ray by ray.
 template <template <class> class Policy, OwnBoxMode mode>
 void ownNearestBlock(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2], int32_t* trngl,
                      const VekrIntersectContext* ctx, int width, int height, bool vector) {
     if (width < 1) return;
+    const std::size_t w = static_cast<std::size_t>(width);
+    if (vector) {
+        for (int row = 0; row < height; row += 4)
+            for (int c = 0; c < width; c += 4) {
+                const std::size_t base = static_cast<std::size_t>(row) * w + c;
+                if (ownNearestTile<Policy, mode>(org, dir, dist, hit, trngl, base, w, ctx)) continue;
+                for (int g = 0; g < 4; ++g)
+                    if (!ownNearestPacket<Policy, mode>(org, dir, dist, hit, trngl, base + g * w, ctx))
+                        for (int l = 0; l < 4; ++l)
+                            ownNearestRay<Policy, mode>(org, dir, dist, hit, trngl, base + g * w + l, ctx);
+            }
+        return;
+    }
     for (int row = 0; row < height; ++row) {
-        const std::size_t base = static_cast<std::size_t>(row) * static_cast<std::size_t>(width);
-        if (vector) {
-            for (int c = 0; c < width; c += 4)
-                if (!ownNearestPacket<Policy, mode>(org, dir, dist, hit, trngl, base + c, ctx))
-                    for (int l = 0; l < 4; ++l)
-                        ownNearestRay<Policy, mode>(org, dir, dist, hit, trngl, base + c + l, ctx);
-        } else {
-            for (int c = 0; c < width; ++c) ownNearestRay<Policy, mode>(org, dir, dist, hit, trngl, base + c, ctx);
-        }
+        const std::size_t base = static_cast<std::size_t>(row) * w;
+        for (int c = 0; c < width; ++c) ownNearestRay<Policy, mode>(org, dir, dist, hit, trngl, base + c, ctx);
     }
 }
 
@@ -353,6 +405,40 @@ bool ownAnyPacket(const float* origin, const float* const dir[3], int32_t* occlu
     return true;
 }
 
+// A 4 x 4 tile of any-hit rays (rows at i, i + width, ...). Returns false,
+// having written nothing, when the selected rays disagree in a direction sign.
+bool ownAnyTile(const float* origin, const float* const dir[3], int32_t* occluder, int32_t* mask, std::size_t i,
+                std::size_t width, const VekrIntersectContext* ctx) {
+    constexpr int G = 4;
+    OwnRay<OwnLane4<>> r[G];
+    OwnF4 tNear[G], tFar[G];
+    OwnM4 neg[G][3];
+    OwnAnyPolicy<OwnLane4<>> p[G];
+    int selected = 0;
+    for (int g = 0; g < G; ++g) {
+        const std::size_t e = i + g * width;
+        for (int a = 0; a < 3; ++a) {
+            r[g].o[a] = OwnF4(origin[a]);
+            r[g].d[a] = ownLoadA(dir[a] + e);
+        }
+        p[g].occluder = OwnI4(-1);
+        p[g].mask = ownLoadA(mask + e);
+        selected |= (~ownSignMask(p[g].mask) & 15) << (4 * g);  // sign bit clear: mask >= 0
+        tNear[g] = OwnF4(0.0f);
+        tFar[g] = OwnF4(1.0001f);
+        ownSetupRay<OwnLane4<>, OwnBoxMode::None>(nullptr, r[g], tNear[g], tFar[g], neg[g]);
+    }
+    int sign[3] = {0, 0, 0};
+    if (selected && !ownCommonSignsTile<G>(neg, selected, sign)) return false;
+    if (selected) ownWalkTile<G, true>(ctx->pRootNode, ctx->pAccel, r, sign, tNear, tFar, selected, p);
+    for (int g = 0; g < G; ++g) {
+        const std::size_t e = i + g * width;
+        ownStoreA(occluder + e, p[g].occluder);
+        ownStoreA(mask + e, p[g].mask);
+    }
+    return true;
+}
+
 }  // namespace
 }  // namespace vekr
 
@@ -430,16 +516,23 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectAnySO_32f(const float* pOrigin, 
     if (height < 1 || width < 1 || !ownBlockFits(static_cast<int64_t>(width) * height)) return vekStatusOk;
     const bool vector = ownIsMultipleOf4(width) && ownIsMultipleOf4(height) &&
                         ownAllAligned16(pDirection[0], pDirection[1], pDirection[2], pOccluder, pMask);
+    const std::size_t w = static_cast<std::size_t>(width);
+    if (vector) {
+        // 4 x 4 tiles; a tile whose rays disagree in a sign goes row by row.
+        for (int row = 0; row < height; row += 4)
+            for (int c = 0; c < width; c += 4) {
+                const std::size_t base = static_cast<std::size_t>(row) * w + c;
+                if (ownAnyTile(pOrigin, pDirection, pOccluder, pMask, base, w, pContext)) continue;
+                for (int g = 0; g < 4; ++g)
+                    if (!ownAnyPacket(pOrigin, pDirection, pOccluder, pMask, base + g * w, pContext))
+                        for (int l = 0; l < 4; ++l)
+                            ownAnyRay(pOrigin, pDirection, pOccluder, pMask, base + g * w + l, pContext);
+            }
+        return vekStatusOk;
+    }
     for (int row = 0; row < height; ++row) {
-        const std::size_t base = static_cast<std::size_t>(row) * static_cast<std::size_t>(width);
-        if (vector) {
-            for (int c = 0; c < width; c += 4)
-                if (!ownAnyPacket(pOrigin, pDirection, pOccluder, pMask, base + c, pContext))
-                    for (int l = 0; l < 4; ++l)
-                        ownAnyRay(pOrigin, pDirection, pOccluder, pMask, base + c + l, pContext);
-        } else {
-            for (int c = 0; c < width; ++c) ownAnyRay(pOrigin, pDirection, pOccluder, pMask, base + c, pContext);
-        }
+        const std::size_t base = static_cast<std::size_t>(row) * w;
+        for (int c = 0; c < width; ++c) ownAnyRay(pOrigin, pDirection, pOccluder, pMask, base + c, pContext);
     }
     return vekStatusOk;
 }

@@ -133,17 +133,34 @@ struct OwnTriTerms {
 // The projected test: the plane and edge terms of the record against the ray,
 // in this exact evaluation order (both paths round identically). inside is set
 // where the hit lies in the triangle or on its border, for either winding.
+// The terms of the test that depend on the origin only: rays that share their
+// origin share them (the tile walk computes them once per triangle).
 template <class L>
-inline void ownTriangleTest(const VekrTriangleAccel& R, const OwnRay<L>& r, OwnTriTerms<L>& out) {
+struct OwnTriOrigin {
+    typename L::F pu, pv, num;
+};
+
+template <class L>
+inline OwnTriOrigin<L> ownTriangleOrigin(const VekrTriangleAccel& R, const OwnRay<L>& r) {
     using F = typename L::F;
     const int32_t w0 = R.axisCode;
     const int k = (w0 >> 4) & 3, u = (w0 >> 2) & 3, v = w0 & 3;
-    const F r1 = F(R.normalU), r2 = F(R.vertexK), r3 = F(R.normalV);
-    const F du = r.d[u], dv = r.d[v];
-    const F det = r1 * du + r3 * dv + r.d[k];
     const F pu = F(R.vertexU) - r.o[u];
     const F pv = F(R.vertexV) - r.o[v];
-    const F num = r2 + r1 * pu + r3 * pv - r.o[k];
+    const F num = F(R.vertexK) + F(R.normalU) * pu + F(R.normalV) * pv - r.o[k];
+    return OwnTriOrigin<L>{pu, pv, num};
+}
+
+template <class L>
+inline void ownTriangleTest(const VekrTriangleAccel& R, const OwnRay<L>& r, const OwnTriOrigin<L>& po,
+                            OwnTriTerms<L>& out) {
+    using F = typename L::F;
+    const int32_t w0 = R.axisCode;
+    const int k = (w0 >> 4) & 3, u = (w0 >> 2) & 3, v = w0 & 3;
+    const F r1 = F(R.normalU), r3 = F(R.normalV);
+    const F du = r.d[u], dv = r.d[v];
+    const F det = r1 * du + r3 * dv + r.d[k];
+    const F pu = po.pu, pv = po.pv, num = po.num;
     const F qu = du * num - pu * det;
     const F qv = dv * num - pv * det;
     const F b = F(R.edge2V) * qu - F(R.edge2U) * qv;
@@ -155,6 +172,11 @@ inline void ownTriangleTest(const VekrTriangleAccel& R, const OwnRay<L>& r, OwnT
     out.t = num / det;
     out.b = b;
     out.g = g;
+}
+
+template <class L>
+inline void ownTriangleTest(const VekrTriangleAccel& R, const OwnRay<L>& r, OwnTriTerms<L>& out) {
+    ownTriangleTest(R, r, ownTriangleOrigin(R, r), out);
 }
 
 // ---------------------------------------------------------------------------
@@ -350,6 +372,128 @@ inline void ownWalk4(const VekrKDTreeNode* root, const VekrTriangleAccel* accel,
             }
         }
     }
+}
+
+// The tile walk: G groups of four rays (a tile of 4G rays, lane 4g + l is lane
+// l of group g) walked as one packet by the rules of ownWalk4, with the lane
+// masks widened to 4G bits. A node's record and a triangle's accelerator
+// record are read once for the whole tile, a group without active lanes is
+// skipped at every test, and every lane still visits exactly the leaves, in
+// exactly the order, of its single-ray walk. All groups share the direction
+// signs. p[g] holds the query state of group g. With sharedOrigin, all rays
+// start at one point and the terms that depend on the origin alone (the split
+// plane's offset, the triangle's plane terms) are computed once for the tile.
+template <int G, bool sharedOrigin, class P>
+inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* accel, const OwnRay<OwnLane4<>>* r,
+                        const int sign[3], OwnF4* tNear, OwnF4* tFar, int alive, P* p) {
+    struct Entry {
+        OwnF4 tFar[G];
+        const VekrKDTreeNode* node;
+        int lanes;   // lanes resumed here
+        int pushed;  // of those, lanes whose single-ray walk pushed this entry
+    };
+    Entry stack[kOwnStackSize];
+    int top = 0;
+    const OwnF4 tol = OwnF4(P::kSplitTol);
+    int active = alive;
+    const VekrKDTreeNode* node = root;
+    for (;;) {
+        int32_t link = node->link;
+        while (link >= 0) {
+            const int axis = link & 3;
+            const VekrKDTreeNode* pair = ownChildPair(node, link);
+            const OwnF4 split = OwnF4(ownBitsFloat(static_cast<uint32_t>(node->value)));
+            OwnF4 t[G];
+            int farOnly = 0, beyond = 0;
+            const OwnF4 offset0 = split - r[0].o[axis];
+            for (int g = 0; g < G; ++g) {
+                t[g] = (sharedOrigin ? offset0 : split - r[g].o[axis]) * r[g].inv[axis];
+                farOnly |= ownMoveMask(tNear[g] - t[g] > tol) << (4 * g);
+                beyond |= ownMoveMask(t[g] - tFar[g] > tol) << (4 * g);
+            }
+            const VekrKDTreeNode* nearChild = pair + sign[axis];
+            const VekrKDTreeNode* farChild = pair + (sign[axis] ^ 1);
+            farOnly &= active;
+            const int nearLanes = active & ~farOnly;
+            if (nearLanes == 0) {
+                node = farChild;
+            } else {
+                const int bothSides = nearLanes & ~beyond;
+                if (bothSides | farOnly) {
+                    if (top < kOwnStackSize) {
+                        Entry& e = stack[top++];
+                        for (int g = 0; g < G; ++g) e.tFar[g] = tFar[g];
+                        e.node = farChild;
+                        e.lanes = bothSides | farOnly;
+                        e.pushed = bothSides;
+                    }
+                    for (int g = 0; g < G; ++g) {
+                        const int b = (bothSides >> (4 * g)) & 15;
+                        if (b) tFar[g] = ownSelect(ownLaneMask(b), ownMax(tNear[g], ownMin(t[g], tFar[g])), tFar[g]);
+                    }
+                }
+                active = nearLanes;
+                node = nearChild;
+            }
+            link = node->link;
+        }
+
+        int done = 0;
+        ownForEachLeafTriangle(node, [&](int32_t j) {
+            const VekrTriangleAccel& R = accel[j];
+            if (p[0].skip(j, R)) return false;
+            const int open = active & ~done;
+            OwnTriOrigin<OwnLane4<>> po0;
+            if (sharedOrigin) po0 = ownTriangleOrigin(R, r[0]);
+            for (int g = 0; g < G; ++g) {
+                const int lanes = (open >> (4 * g)) & 15;
+                if (!lanes) continue;
+                OwnTriTerms<OwnLane4<>> terms;
+                ownTriangleTest(R, r[g], sharedOrigin ? po0 : ownTriangleOrigin(R, r[g]), terms);
+                done |= ownMoveMask(p[g].consider(j, ownLaneMask(lanes), terms)) << (4 * g);
+            }
+            return (active & ~done) == 0;
+        });
+        alive &= ~done;
+        active &= ~done;
+        for (int g = 0; g < G; ++g) {
+            const int a = (active >> (4 * g)) & 15;
+            if (!a) continue;
+            // Lanes whose processed interval reaches their hit distance are done.
+            const int fin = a & ownMoveMask(tFar[g] >= p[g].bound());
+            alive &= ~(fin << (4 * g));
+            tNear[g] = ownSelect(ownLaneMask(a & ~fin), tFar[g], tNear[g]);
+        }
+        for (;;) {
+            if (top == 0) return;
+            const Entry& e = stack[--top];
+            active = e.lanes & alive;
+            if (active) {
+                const int pushed = e.pushed & active;
+                for (int g = 0; g < G; ++g) {
+                    const int m = (pushed >> (4 * g)) & 15;
+                    if (m) tFar[g] = ownSelect(ownLaneMask(m), e.tFar[g], tFar[g]);
+                }
+                node = e.node;
+                break;
+            }
+        }
+    }
+}
+
+// The common sign of 4G lanes on each axis from the per-group negative flags.
+// Returns false when the lanes in `lanes` disagree on some axis.
+template <int G>
+inline bool ownCommonSignsTile(const OwnM4 (*neg)[3], int lanes, int sign[3]) {
+    for (int a = 0; a < 3; ++a) {
+        int n = 0;
+        for (int g = 0; g < G; ++g) n |= ownMoveMask(neg[g][a]) << (4 * g);
+        n &= lanes;
+        if (n == 0) sign[a] = 0;
+        else if (n == lanes) sign[a] = 1;
+        else return false;
+    }
+    return true;
 }
 
 // The common sign of four lanes on each axis, from the per-lane negative
