@@ -24,6 +24,16 @@ build() {
   cmake --build build-fuzz -j"$(nproc)" --target "${harnesses[@]/#/fuzz_}"
 }
 
+# The corpus directories of a harness that exist: a harness without stored
+# regression inputs has no regressions/<harness> in a fresh clone (git keeps
+# no empty directories), and libFuzzer stops on a missing directory.
+inputs() {
+  local d
+  for d in tests/fuzz/corpus/$1 tests/fuzz/regressions/$1; do
+    [ -d "$d" ] && echo "$d"
+  done
+}
+
 case "${1:-}" in
   build) build ;;
   ci)
@@ -34,7 +44,7 @@ case "${1:-}" in
       work=build-fuzz/ci-corpus/$h log=build-fuzz/ci-$h.log
       rm -rf "$work" && mkdir -p "$work"
       if ./build-fuzz/bin/fuzz_$h -max_total_time="$secs" -timeout=30 -print_final_stats=1 \
-           -artifact_prefix=build-fuzz/ci-$h- "$work" tests/fuzz/corpus/$h tests/fuzz/regressions/$h >"$log" 2>&1; then
+           -artifact_prefix=build-fuzz/ci-$h- "$work" $(inputs "$h") >"$log" 2>&1; then
         runs=$(grep -oE 'number_of_executed_units: *[0-9]+' "$log" | grep -oE '[0-9]+$' || true)
         cov=$(grep -E '^#[0-9]+' "$log" | tail -n 1 | grep -oE 'cov: [0-9]+ ft: [0-9]+' || true)
         echo "fuzz $h: ${runs:-?} runs in ${secs} s, $cov, no finding"
@@ -49,7 +59,7 @@ case "${1:-}" in
     [ -x build-fuzz/bin/fuzz_$h ] || build
     mkdir -p fuzz-work/$h
     exec ./build-fuzz/bin/fuzz_$h -timeout=30 -print_final_stats=1 -artifact_prefix=fuzz-work/$h- "$@" \
-      fuzz-work/$h tests/fuzz/corpus/$h tests/fuzz/regressions/$h
+      fuzz-work/$h $(inputs "$h")
     ;;
   *) sed -n '2,8p' "$0" | sed 's/^# \{0,1\}//'; exit 2 ;;
 esac
