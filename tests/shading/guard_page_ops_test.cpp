@@ -22,7 +22,7 @@ using st::PacketOp;
 const int kCounts[] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 12, 15, 16, 17, 31, 32, 33};
 constexpr int kTail = 5;  // elements behind the count in the reference buffers
 
-std::size_t elemBytes(const st::ArraySpec& s, int count) { return static_cast<std::size_t>(s.elements(count)) * 4; }
+std::size_t elemBytes(const st::ArrayShape& s, int count) { return static_cast<std::size_t>(s.elements(count)) * 4; }
 
 bool usesPattern(const PacketOp& op) {
     for (const auto& s : op.arrays)

@@ -28,7 +28,7 @@ enum class Content {
     OwnVertices,  // triangle-normal rows: triangle t uses vertices 3t, 3t+1, 3t+2
 };
 
-struct ArraySpec {
+struct ArrayShape {
     bool isInt;
     int perRay;  // elements per ray
     int fixed;   // elements independent of the count
@@ -39,7 +39,7 @@ struct ArraySpec {
 // The call receives one pointer per array (void*, in table order) and the count.
 struct PacketOp {
     const char* name;
-    std::vector<ArraySpec> arrays;
+    std::vector<ArrayShape> arrays;
     std::function<VekStatus(void* const* a, int count)> call;
 };
 
@@ -52,13 +52,13 @@ struct P3 {
     P3(void* const* a, int k) : c{F(a[k]), F(a[k + 1]), F(a[k + 2])} {}
 };
 
-inline const ArraySpec kF{false, 1, 0, Content::Values};
-inline const ArraySpec kMaskArr{true, 1, 0, Content::Mask};
-inline const ArraySpec kTriIdx{true, 1, 0, Content::TriIndex};
-inline ArraySpec fixedFloats(int n) { return ArraySpec{false, 0, n, Content::Values}; }
+inline const ArrayShape kF{false, 1, 0, Content::Values};
+inline const ArrayShape kMaskArr{true, 1, 0, Content::Mask};
+inline const ArrayShape kTriIdx{true, 1, 0, Content::TriIndex};
+inline ArrayShape fixedFloats(int n) { return ArrayShape{false, 0, n, Content::Values}; }
 
 inline std::vector<PacketOp> packetOps() {
-    const ArraySpec f = kF, m = kMaskArr;
+    const ArrayShape f = kF, m = kMaskArr;
     std::vector<PacketOp> ops;
     ops.push_back({"Dot_32f_P3C1M", {f, f, f, f, f, f, m, f}, [](void* const* a, int n) {
                        return vekrDot_32f_P3C1M(P3(a, 0).c, P3(a, 3).c, I(a[6]), F(a[7]), n);
@@ -79,7 +79,7 @@ inline std::vector<PacketOp> packetOps() {
                        return vekrAddMulMul_32f_AC1P3IM(F(a[0]), F(a[1]), P3(a, 2).c, I(a[5]), P3(a, 6).c, n);
                    }});
     // A block two rows high whose width is the count.
-    const ArraySpec row2{false, 2, 0, Content::Values};
+    const ArrayShape row2{false, 2, 0, Content::Values};
     ops.push_back({"CastEye_32f", {fixedFloats(3), fixedFloats(3), fixedFloats(3), row2, row2, row2},
                    [](void* const* a, int n) {
                        return vekrCastEye_32f(F(a[0]), F(a[1]), F(a[2]), 3, -2, 16, 8, P3(a, 3).c, n, 2);
@@ -105,7 +105,7 @@ inline std::vector<PacketOp> packetOps() {
     for (int stride : {4, 3}) {
         ops.push_back({stride == 4 ? "SurfSmoothNormal_32f/stride4" : "SurfSmoothNormal_32f/stride3",
                        {fixedFloats(3 * kTableVertices),
-                        ArraySpec{true, 0, stride * (kTableTriangles - 1) + 3, Content::TriVertices}, kTriIdx, f, f,
+                        ArrayShape{true, 0, stride * (kTableTriangles - 1) + 3, Content::TriVertices}, kTriIdx, f, f,
                         f, f, f},
                        [stride](void* const* a, int n) {
                            const float* uv[2] = {F(a[3]), F(a[4])};
@@ -115,18 +115,18 @@ inline std::vector<PacketOp> packetOps() {
     // One triangle per "ray": its own three vertices, a four-entry row whose
     // fourth entry is a wild index (it must not be read) and a normal.
     ops.push_back({"TriangleNormal_32f",
-                   {ArraySpec{false, 9, 0, Content::Values}, ArraySpec{true, 4, 0, Content::OwnVertices},
-                    ArraySpec{false, 3, 0, Content::Values}},
+                   {ArrayShape{false, 9, 0, Content::Values}, ArrayShape{true, 4, 0, Content::OwnVertices},
+                    ArrayShape{false, 3, 0, Content::Values}},
                    [](void* const* a, int n) { return vekrTriangleNormal_32f(F(a[0]), I(a[1]), F(a[2]), n); }});
     return ops;
 }
 
-// Fills array `spec` for `count` rays. `pattern` (bits 0-3) marks the lanes
+// Fills the array described by `shape` for `count` rays. `pattern` (bits 0-3) marks the lanes
 // of the first packet that are masked (mask -1) or miss (index -1); later
 // lanes are random.
-inline void fillArray(const ArraySpec& spec, void* p, int count, unsigned pattern, vt::Rng& rng) {
-    const int n = spec.elements(count);
-    if (!spec.isInt) {
+inline void fillArray(const ArrayShape& shape, void* p, int count, unsigned pattern, vt::Rng& rng) {
+    const int n = shape.elements(count);
+    if (!shape.isInt) {
         const std::vector<float> v = floats(rng, static_cast<std::size_t>(n), -3, 3);
         std::memcpy(p, v.data(), v.size() * sizeof(float));
         return;
@@ -134,7 +134,7 @@ inline void fillArray(const ArraySpec& spec, void* p, int count, unsigned patter
     std::int32_t* q = static_cast<std::int32_t*>(p);
     for (int i = 0; i < n; ++i) {
         const bool off = i < 4 && ((pattern >> i) & 1u);
-        switch (spec.content) {
+        switch (shape.content) {
         case Content::Mask: {
             static const std::int32_t kLive[] = {0, 1, 7, INT32_MAX};
             static const std::int32_t kDead[] = {-1, -2, INT32_MIN};
