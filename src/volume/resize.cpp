@@ -14,6 +14,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <type_traits>
 
 #include "core/own.h"
 #include "volume/interp_weights.h"
@@ -68,13 +69,16 @@ struct OwnVolumePV {
 // source tap (for nearest, the source index) and the fraction (linear, one
 // float) or the four weights (cubic, 16 bytes). Taps are clamped to the
 // source region [lo, hi]; coordinates [inA, inB) have every tap inside it
-// without clamping.
+// without clamping. On the x axis of the vector path, the groups of four
+// coordinates in [inA, pickB) also have a byte pick each (see ownBuildPicks).
 struct OwnAxis {
     int* first;
     float* w;
     int n;
     int lo, hi;
     int inA, inB;
+    const unsigned char* pick;
+    int pickB;
 };
 
 // x clamped to [lo, hi]; NaN goes to lo.
@@ -124,6 +128,75 @@ void ownBuildAxis(OwnAxis& a, int dst0, double inv, double invShift, const OwnCu
     a.inB = e;
     for (int j = e; j < a.n; ++j)
         if (inside(j)) a.inA = a.inB = 0;
+    a.pick = nullptr;
+    a.pickB = a.inA;
+}
+
+// ---------------------------------------------------------------------------
+// Byte picks of the x pass
+// ---------------------------------------------------------------------------
+
+// When the four outputs of a group have their first taps within four
+// elements of each other (always so when upscaling), all their taps lie in a
+// short window of the row. The group then loads that window whole and moves
+// each output's tap into its lane with one byte shuffle (pshufb), instead of
+// gathering element by element. A record per group holds the shuffle pattern
+// and, for cubic, the group's weights rearranged so that vector m holds the
+// weights of tap m of the four outputs (the table keeps them per output).
+//
+// The pattern moves element d_j (= first tap of output j - first tap of
+// output 0) of the window into lane j, widened to 32 bits: a float's four
+// bytes, or an 8u/16u element with zero bytes above it. Tap m of 8u and 16u
+// groups uses the same window with the pattern moved up by m elements;
+// float groups load four elements at each first tap + m.
+inline void ownLanePick(float*, int d, unsigned char* lane) {
+    for (int b = 0; b < 4; ++b) lane[b] = static_cast<unsigned char>(4 * d + b);
+}
+inline void ownLanePick(std::uint16_t*, int d, unsigned char* lane) {
+    lane[0] = static_cast<unsigned char>(2 * d);
+    lane[1] = static_cast<unsigned char>(2 * d + 1);
+    lane[2] = lane[3] = 0x80;
+}
+inline void ownLanePick(std::uint8_t*, int d, unsigned char* lane) {
+    lane[0] = static_cast<unsigned char>(d);
+    lane[1] = lane[2] = lane[3] = 0x80;
+}
+
+// Elements from a group's first tap to the last one any of its loads reads:
+// floats load four elements at each of the kTaps tap offsets, 8u and 16u one
+// window of eight elements.
+template <int kTaps, class T>
+constexpr int ownPickReach() {
+    return sizeof(T) == 4 ? kTaps + 3 : 8;
+}
+
+// Bytes of one group's record: the pattern, plus four weight vectors for cubic.
+template <int kTaps>
+constexpr std::size_t ownPickRecordBytes() {
+    return kTaps == 4 ? 80 : 16;
+}
+
+// Fills the records of the groups k = inA, inA + 4, ... that qualify, from the
+// first one on: all four outputs unclamped, first taps at most 3 elements
+// apart, and every element the loads read inside the source region (so the
+// wide loads never leave the caller's row). The run ends at the first group
+// that does not qualify; the rest take the gathering path.
+template <int kTaps, class T>
+void ownBuildPicks(OwnAxis& a, unsigned char* area) {
+    a.pick = area;
+    int k = a.inA;
+    unsigned char* rec = area;
+    for (; k + 4 <= a.inB; k += 4, rec += ownPickRecordBytes<kTaps>()) {
+        const int f0 = a.first[k];
+        if (a.first[k + 3] - f0 > 3 || f0 + ownPickReach<kTaps, T>() - 1 > a.hi) break;
+        for (int j = 0; j < 4; ++j) ownLanePick(static_cast<T*>(nullptr), a.first[k + j] - f0, rec + 4 * j);
+        if (kTaps == 4) {
+            float* wt = reinterpret_cast<float*>(rec + 16);
+            for (int m = 0; m < 4; ++m)
+                for (int j = 0; j < 4; ++j) wt[4 * m + j] = a.w[4 * (k + j) + m];
+        }
+    }
+    a.pickB = k;
 }
 
 // ---------------------------------------------------------------------------
@@ -142,6 +215,7 @@ struct OwnResizeLayout {
     std::size_t weightX, weightY, weightZ;  // fractions or weight quadruples
     std::size_t rowFloats;                  // floats of one x row
     std::size_t planeRowFloats;             // row stride of an intermediate plane
+    std::size_t picks;                      // byte picks of the x pass
     std::size_t rows, planes;               // bytes of the x-row and plane caches
     std::size_t total;
 };
@@ -156,12 +230,16 @@ OwnResizeLayout ownResizeLayout(int w, int h, int d, int taps) {
         l.weightX = 4 * ownRound16(perCoord * w);
         l.weightY = 4 * ownRound16(perCoord * h);
         l.weightZ = 4 * ownRound16(perCoord * d);
+        l.picks = (static_cast<std::size_t>(w) / 4) * (taps == 4 ? ownPickRecordBytes<4>() : ownPickRecordBytes<2>());
         l.rowFloats = ownRound4(w);
         l.planeRowFloats = ownRound64(w);
-        l.rows = 4 * taps * l.rowFloats;
+        // One row cache per z tap: a slab of one destination plane keeps the
+        // x rows of all its planes at once (ownResizeOnePlane); other slabs
+        // use the first.
+        l.rows = 4 * taps * taps * l.rowFloats;
         l.planes = 4 * taps * static_cast<std::size_t>(h) * l.planeRowFloats;
     }
-    l.total = l.indexX + l.indexY + l.indexZ + l.weightX + l.weightY + l.weightZ + l.rows + l.planes;
+    l.total = l.indexX + l.indexY + l.indexZ + l.weightX + l.weightY + l.weightZ + l.picks + l.rows + l.planes;
     return l;
 }
 
@@ -287,6 +365,48 @@ inline OwnF4 ownXVoxel4(const T* src, const OwnAxis& a, int k) {
     return ownCubicSum(v0, v1, v2, v3, w0, w1, w2, w3);
 }
 
+// The loaded window of a picked group (see ownBuildPicks) and tap m of its
+// four outputs as floats. Floats load four elements at first tap + m; 8u and
+// 16u load eight elements at the first tap once and move the pattern up by m
+// elements (adding to the pattern's 0x80 bytes keeps their top bit, so they
+// still give zeros).
+struct OwnPickWindow32f {
+    const float* p;
+    OWN_LANE OwnF4 tap(OwnI4 pick, int m) const {
+        return ownAsF4(ownShuffleBytes(ownAsW8(ownAsI4(ownLoadU(p + m))), pick));
+    }
+};
+struct OwnPickWindow16u {
+    OwnW8 v;
+    explicit OWN_LANE OwnPickWindow16u(const std::uint16_t* p)
+        : v(ownLoadU(reinterpret_cast<const std::int16_t*>(p))) {}
+    OWN_LANE OwnF4 tap(OwnI4 pick, int m) const {
+        return ownToFloat(ownShuffleBytes(v, pick + OwnI4(0x02020202 * m)));
+    }
+};
+struct OwnPickWindow8u {
+    OwnW8 v;
+    explicit OWN_LANE OwnPickWindow8u(const std::uint8_t* p) : v(ownAsW8(ownLoadLow64(p))) {}
+    OWN_LANE OwnF4 tap(OwnI4 pick, int m) const {
+        return ownToFloat(ownShuffleBytes(v, pick + OwnI4(0x01010101 * m)));
+    }
+};
+OWN_LANE OwnPickWindow32f ownPickWindow(const float* p) { return OwnPickWindow32f{p}; }
+OWN_LANE OwnPickWindow16u ownPickWindow(const std::uint16_t* p) { return OwnPickWindow16u(p); }
+OWN_LANE OwnPickWindow8u ownPickWindow(const std::uint8_t* p) { return OwnPickWindow8u(p); }
+
+// Vector form of the picked group k..k+3 with record rec: the same lanes and
+// operations as ownXVoxel4, the taps moved into place by the byte pattern.
+template <int kTaps, class T>
+OWN_LANE OwnF4 ownXVoxel4Picked(const T* src, const OwnAxis& a, int k, const unsigned char* rec) {
+    const OwnI4 pick = ownLoadA(reinterpret_cast<const std::int32_t*>(rec));
+    const auto win = ownPickWindow(src + a.first[k]);
+    if (kTaps == 2) return ownLerp(win.tap(pick, 0), win.tap(pick, 1), ownLoadU(a.w + k));
+    const float* w = reinterpret_cast<const float*>(rec + 16);
+    return ownCubicSum(win.tap(pick, 0), win.tap(pick, 1), win.tap(pick, 2), win.tap(pick, 3), ownLoadA(w),
+                       ownLoadA(w + 4), ownLoadA(w + 8), ownLoadA(w + 12));
+}
+
 // Asks the cache for the elements [x0, x1] of a row, one request per 64 bytes.
 template <class T>
 inline void ownPrefetchSpan(const T* row, int x0, int x1) {
@@ -301,6 +421,9 @@ void ownXPass(const T* src, const OwnAxis& a, float* out) {
     int k = 0;
     if (kVec) {
         for (; k < a.inA; ++k) out[k] = ownXVoxel<kTaps>(src, a, k);
+        const unsigned char* rec = a.pick;
+        for (; k + 4 <= a.pickB; k += 4, rec += ownPickRecordBytes<kTaps>())
+            ownStoreU(out + k, ownXVoxel4Picked<kTaps>(src, a, k, rec));
         for (; k + 4 <= a.inB; k += 4) ownStoreU(out + k, ownXVoxel4<kTaps>(src, a, k));
     }
     for (; k < a.n; ++k) out[k] = ownXVoxel<kTaps>(src, a, k);
@@ -348,21 +471,80 @@ inline void ownCombine(const float* const* rows, const float* w, TOut* out, int 
         ownCombineScalar<kTaps>(rows, w, out, 0, n);
 }
 
+// y and z combined in one pass, for a slab of one destination plane: rows[j]
+// holds the kTaps x rows of z tap j's plane. Each voxel is combined along y
+// per z tap and the kTaps results along z: the same operations, in the same
+// order, as storing the intermediate planes and combining them afterwards
+// (the planes hold the float results unchanged). kOnePlane: every z tap is
+// the same plane (a source one plane deep), so its y result is formed once
+// and used for each tap.
+template <int kTaps, class F>
+OWN_LANE F ownCombineTaps(const F* v, const F* w) {
+    if (kTaps == 2) return ownLerp(v[0], v[1], w[0]);
+    return ownCubicSum(v[0], v[1], v[kTaps > 2 ? 2 : 0], v[kTaps > 3 ? 3 : 0], w[0], w[1], w[kTaps > 2 ? 2 : 0],
+                       w[kTaps > 3 ? 3 : 0]);
+}
+
+template <int kTaps, bool kOnePlane, class TOut>
+inline void ownCombineYZScalar(const float* const (*rows)[kTaps], const float* wy, const float* wz, TOut* out,
+                               int from, int n) {
+    constexpr int kW = kTaps == 2 ? 1 : 4;  // weights per coordinate
+    float ty[kW], tz[kW];
+    for (int j = 0; j < kW; ++j) ty[j] = wy[j], tz[j] = wz[j];
+    for (int i = from; i < n; ++i) {
+        float yv[kTaps];
+        for (int jz = 0; jz < kTaps; ++jz) {
+            if (kOnePlane && jz > 0) {
+                yv[jz] = yv[0];
+                continue;
+            }
+            float xv[kTaps];
+            for (int jy = 0; jy < kTaps; ++jy) xv[jy] = rows[jz][jy][i];
+            yv[jz] = ownCombineTaps<kTaps>(xv, ty);
+        }
+        out[i] = ownStoreInterp<TOut>(ownCombineTaps<kTaps>(yv, tz));
+    }
+}
+
+template <int kTaps, bool kOnePlane, bool kVec, class TOut>
+inline void ownCombineYZ(const float* const (*rows)[kTaps], const float* wy, const float* wz, TOut* out, int n) {
+    int i = 0;
+    if (kVec) {
+        constexpr int kW = kTaps == 2 ? 1 : 4;
+        OwnF4 ty[kW], tz[kW];
+        for (int j = 0; j < kW; ++j) ty[j] = OwnF4(wy[j]), tz[j] = OwnF4(wz[j]);
+        for (; i + 4 <= n; i += 4) {
+            OwnF4 yv[kTaps];
+            for (int jz = 0; jz < kTaps; ++jz) {
+                if (kOnePlane && jz > 0) {
+                    yv[jz] = yv[0];
+                    continue;
+                }
+                OwnF4 xv[kTaps];
+                for (int jy = 0; jy < kTaps; ++jy) xv[jy] = ownLoadA(rows[jz][jy] + i);
+                yv[jz] = ownCombineTaps<kTaps>(xv, ty);
+            }
+            ownStoreInterp4(out + i, ownCombineTaps<kTaps>(yv, tz));
+        }
+    }
+    ownCombineYZScalar<kTaps, kOnePlane>(rows, wy, wz, out, i, n);
+}
+
 // ---------------------------------------------------------------------------
 // Kernels over one destination slab [zBeg, zEnd)
 // ---------------------------------------------------------------------------
 
 // Carves the axis tables from the slice and fills them.
-template <int kTaps>
+template <int kTaps, bool kVec = false, class T = float>
 void ownSetUpAxes(const OwnResizeContext& c, int zBeg, int zEnd, unsigned char* buf, const OwnResizeLayout& l,
                   OwnAxis* ax) {
     const OwnCubicKernel* kernel = kTaps == 4 ? &ownCubicKernel(c.interpolation) : nullptr;
     unsigned char* p = buf;
-    ax[0] = {reinterpret_cast<int*>(p), nullptr, c.dstWidth, c.srcX0, c.srcX1, 0, 0};
+    ax[0] = {reinterpret_cast<int*>(p), nullptr, c.dstWidth, c.srcX0, c.srcX1, 0, 0, nullptr, 0};
     p += l.indexX;
-    ax[1] = {reinterpret_cast<int*>(p), nullptr, c.dstHeight, c.srcY0, c.srcY1, 0, 0};
+    ax[1] = {reinterpret_cast<int*>(p), nullptr, c.dstHeight, c.srcY0, c.srcY1, 0, 0, nullptr, 0};
     p += l.indexY;
-    ax[2] = {reinterpret_cast<int*>(p), nullptr, zEnd - zBeg, c.srcZ0, c.srcZ1, 0, 0};
+    ax[2] = {reinterpret_cast<int*>(p), nullptr, zEnd - zBeg, c.srcZ0, c.srcZ1, 0, 0, nullptr, 0};
     p += l.indexZ;
     ax[0].w = reinterpret_cast<float*>(p);
     p += l.weightX;
@@ -372,6 +554,8 @@ void ownSetUpAxes(const OwnResizeContext& c, int zBeg, int zEnd, unsigned char* 
     ownBuildAxis<kTaps>(ax[0], c.dstX0, c.invXFactor, c.invXShift, kernel);
     ownBuildAxis<kTaps>(ax[1], c.dstY0, c.invYFactor, c.invYShift, kernel);
     ownBuildAxis<kTaps>(ax[2], zBeg, c.invZFactor, c.invZShift, kernel);
+    p += l.weightZ;
+    if (kVec && kTaps > 1) ownBuildPicks<kTaps, T>(ax[0], p);
 }
 
 // Nearest: each destination voxel copies its source voxel through the index
@@ -404,6 +588,52 @@ void ownResizeNearest(const OwnResizeContext& c, const SrcVol& src, const DstVol
     }
 }
 
+// A slab of one destination plane (a single-plane resize, or a thread's share
+// of a thin region): no intermediate plane would be used again, so none is
+// stored. Each distinct z-tap plane has its own x-row cache, and every
+// destination row is combined along y and z at once from the planes' x rows.
+template <int kTaps, bool kVec, class T, class SrcVol, class DstVol>
+void ownResizeOnePlane(const OwnResizeContext& c, const SrcVol& src, const DstVol& dst, int z, const OwnAxis* ax,
+                       const OwnResizeLayout& l, float* rowArea) {
+    const int w = c.dstWidth, h = c.dstHeight;
+    const std::size_t wStride = kTaps == 2 ? 1 : 4;
+    int wantZ[kTaps], planes[kTaps], cacheOf[kTaps];
+    ownTaps<kTaps>(ax[2], 0, wantZ);
+    int numPlanes = 0;
+    for (int j = 0; j < kTaps; ++j) {
+        int u = 0;
+        while (u < numPlanes && planes[u] != wantZ[j]) ++u;
+        if (u == numPlanes) planes[numPlanes++] = wantZ[j];
+        cacheOf[j] = u;
+    }
+    OwnLineCache<kTaps> caches[kTaps];
+    for (int u = 0; u < numPlanes; ++u) {
+        for (int s = 0; s < kTaps; ++s) caches[u].data[s] = rowArea + (u * kTaps + s) * l.rowFloats;
+        caches[u].reset();
+    }
+    const float* wz = ax[2].w;
+    for (int y = 0; y < h; ++y) {
+        int wantY[kTaps];
+        ownTaps<kTaps>(ax[1], y, wantY);
+        const float* xRows[kTaps][kTaps];
+        for (int u = 0; u < numPlanes; ++u)
+            caches[u].fetch(wantY, xRows[u], [&](int sy, float* row) {
+                if (sy < c.srcY1) ownPrefetchSpan(src.row(planes[u], sy + 1), c.srcX0, c.srcX1);
+                ownXPass<kTaps, kVec>(src.row(planes[u], sy), ax[0], row);
+            });
+        const float* wy = ax[1].w + wStride * y;
+        auto* out = dst.row(z, c.dstY0 + y) + c.dstX0;
+        if (numPlanes == 1) {
+            ownCombineYZ<kTaps, true, kVec>(xRows, wy, wz, out, w);
+        } else {
+            const float* rows[kTaps][kTaps];
+            for (int j = 0; j < kTaps; ++j)
+                for (int jy = 0; jy < kTaps; ++jy) rows[j][jy] = xRows[cacheOf[j]][jy];
+            ownCombineYZ<kTaps, false, kVec>(rows, wy, wz, out, w);
+        }
+    }
+}
+
 // Linear (kTaps 2) and cubic (kTaps 4). For each destination plane the source
 // planes of its z taps are fetched from the plane cache; a missing plane is
 // made by combining, for every destination row, the x rows of its y taps
@@ -414,11 +644,15 @@ void ownResizeSeparable(const OwnResizeContext& c, const SrcVol& src, const DstV
                         unsigned char* buf) {
     const OwnResizeLayout l = ownResizeLayout(c.dstWidth, c.dstHeight, zEnd - zBeg, kTaps);
     OwnAxis ax[3];
-    ownSetUpAxes<kTaps>(c, zBeg, zEnd, buf, l, ax);
+    ownSetUpAxes<kTaps, kVec, std::remove_const_t<T>>(c, zBeg, zEnd, buf, l, ax);
     const int w = c.dstWidth, h = c.dstHeight;
     const std::size_t wStride = kTaps == 2 ? 1 : 4;  // floats of weights per coordinate
 
-    unsigned char* p = buf + l.indexX + l.indexY + l.indexZ + l.weightX + l.weightY + l.weightZ;
+    unsigned char* p = buf + l.indexX + l.indexY + l.indexZ + l.weightX + l.weightY + l.weightZ + l.picks;
+    if (zEnd - zBeg == 1) {
+        ownResizeOnePlane<kTaps, kVec, T>(c, src, dst, zBeg, ax, l, reinterpret_cast<float*>(p));
+        return;
+    }
     OwnLineCache<kTaps> rowCache, planeCache;
     for (int s = 0; s < kTaps; ++s) rowCache.data[s] = reinterpret_cast<float*>(p) + s * l.rowFloats;
     p += l.rows;
