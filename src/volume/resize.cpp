@@ -398,10 +398,10 @@ OWN_LANE OwnPickWindow8u ownPickWindow(const std::uint8_t* p) { return OwnPickWi
 // Vector form of the picked group k..k+3 with record rec: the same lanes and
 // operations as ownXVoxel4, the taps moved into place by the byte pattern.
 template <int kTaps, class T>
-OWN_LANE OwnF4 ownXVoxel4Picked(const T* src, const OwnAxis& a, int k, const unsigned char* rec) {
+OWN_LANE OwnF4 ownXVoxel4Picked(const T* src, const int* first, const float* w2, int k, const unsigned char* rec) {
     const OwnI4 pick = ownLoadA(reinterpret_cast<const std::int32_t*>(rec));
-    const auto win = ownPickWindow(src + a.first[k]);
-    if (kTaps == 2) return ownLerp(win.tap(pick, 0), win.tap(pick, 1), ownLoadU(a.w + k));
+    const auto win = ownPickWindow(src + first[k]);
+    if (kTaps == 2) return ownLerp(win.tap(pick, 0), win.tap(pick, 1), ownLoadU(w2 + k));
     const float* w = reinterpret_cast<const float*>(rec + 16);
     return ownCubicSum(win.tap(pick, 0), win.tap(pick, 1), win.tap(pick, 2), win.tap(pick, 3), ownLoadA(w),
                        ownLoadA(w + 4), ownLoadA(w + 8), ownLoadA(w + 12));
@@ -421,9 +421,14 @@ void ownXPass(const T* src, const OwnAxis& a, float* out) {
     int k = 0;
     if (kVec) {
         for (; k < a.inA; ++k) out[k] = ownXVoxel<kTaps>(src, a, k);
+        // The table pointers in locals: the stores to out would otherwise
+        // make the compiler reload them from the axis every group.
         const unsigned char* rec = a.pick;
-        for (; k + 4 <= a.pickB; k += 4, rec += ownPickRecordBytes<kTaps>())
-            ownStoreU(out + k, ownXVoxel4Picked<kTaps>(src, a, k, rec));
+        const int* first = a.first;
+        const float* w = a.w;
+        const int pickB = a.pickB;
+        for (; k + 4 <= pickB; k += 4, rec += ownPickRecordBytes<kTaps>())
+            ownStoreU(out + k, ownXVoxel4Picked<kTaps>(src, first, w, k, rec));
         for (; k + 4 <= a.inB; k += 4) ownStoreU(out + k, ownXVoxel4<kTaps>(src, a, k));
     }
     for (; k < a.n; ++k) out[k] = ownXVoxel<kTaps>(src, a, k);
@@ -445,28 +450,105 @@ inline void ownCombineScalar(const float* const* rows, const float* w, TOut* out
     }
 }
 
-// The same, four voxels at a time. The rows come from the work buffer and are
-// 16-byte aligned; out may have any alignment.
-template <int kTaps, class TOut>
-inline void ownCombineVector(const float* const* rows, const float* w, TOut* out, int n) {
-    int i = 0;
-    if (kTaps == 2) {
-        const OwnF4 t(w[0]);
-        for (; i + 4 <= n; i += 4) ownStoreInterp4(out + i, ownLerp(ownLoadA(rows[0] + i), ownLoadA(rows[1] + i), t));
-    } else {
-        const OwnF4 w0(w[0]), w1(w[1]), w2(w[2]), w3(w[3]);
-        for (; i + 4 <= n; i += 4)
-            ownStoreInterp4(out + i, ownCubicSum(ownLoadA(rows[0] + i), ownLoadA(rows[1] + i),
-                                                 ownLoadA(rows[kTaps > 2 ? 2 : 0] + i),
-                                                 ownLoadA(rows[kTaps > 3 ? 3 : 0] + i), w0, w1, w2, w3));
+// kTaps values combined with their weights: the linear blend (w0 the
+// fraction) or the cubic sum.
+template <int kTaps, class F>
+OWN_LANE F ownCombineTaps(F v0, F v1, F v2, F v3, F w0, F w1, F w2, F w3) {
+    if (kTaps == 2) return ownLerp(v0, v1, w0);
+    return ownCubicSum(v0, v1, v2, v3, w0, w1, w2, w3);
+}
+
+// kTaps float rows combined with one set of weights, four voxels at a time
+// (the rows are 16-byte aligned work-buffer rows).
+template <int kTaps>
+struct OwnRowCombiner {
+    const float *r0, *r1, *r2, *r3;
+    OwnF4 w0, w1, w2, w3;
+    OWN_LANE OwnRowCombiner(const float* const* rows, const float* w)
+        : r0(rows[0]),
+          r1(rows[1]),
+          r2(rows[kTaps > 2 ? 2 : 0]),
+          r3(rows[kTaps > 3 ? 3 : 0]),
+          w0(w[0]),
+          w1(kTaps > 2 ? w[1] : 0.0f),
+          w2(kTaps > 2 ? w[2] : 0.0f),
+          w3(kTaps > 2 ? w[3] : 0.0f) {}
+    OWN_LANE OwnF4 operator()(int i) const {
+        return ownCombineTaps<kTaps>(ownLoadA(r0 + i), ownLoadA(r1 + i), ownLoadA(r2 + i), ownLoadA(r3 + i), w0, w1,
+                                     w2, w3);
     }
+};
+
+// Integer results leave in whole 16-byte stores: sixteen 8u or eight 16u
+// voxels packed from four or two vectors (the same per-lane rounding and
+// clamping as ownStoreInterp4, which then only serves the last few groups).
+template <class G>
+OWN_LANE __m128i ownPackBlock(std::uint8_t*, G&& sum) {
+    const __m128i lo = _mm_packs_epi32(ownRoundClamp<255>(sum(0)).v, ownRoundClamp<255>(sum(4)).v);
+    const __m128i hi = _mm_packs_epi32(ownRoundClamp<255>(sum(8)).v, ownRoundClamp<255>(sum(12)).v);
+    return _mm_packus_epi16(lo, hi);
+}
+template <class G>
+OWN_LANE __m128i ownPackBlock(std::uint16_t*, G&& sum) {
+    // 0..65535 does not fit the signed pack: biased by -32768, packed, and
+    // the bias flipped back (as ownStoreNarrow does).
+    const __m128i bias = _mm_set1_epi32(32768);
+    const __m128i lo = _mm_sub_epi32(ownRoundClamp<65535>(sum(0)).v, bias);
+    const __m128i hi = _mm_sub_epi32(ownRoundClamp<65535>(sum(4)).v, bias);
+    return _mm_xor_si128(_mm_packs_epi32(lo, hi), _mm_set1_epi16(-32768));
+}
+template <class G>
+OWN_LANE __m128i ownPackBlock(float*, G&& sum) {
+    return _mm_castps_si128(sum(0).v);
+}
+
+// A large destination is written with non-temporal stores where its row is
+// 16-byte aligned: it would not stay in the cache anyway, and the stores
+// skip reading the lines before overwriting them. Float bits are moved
+// unchanged either way. sum(j) gives the four results from p + j on.
+template <bool kStream, class TOut, class G>
+OWN_LANE void ownStoreBlock(TOut* p, G&& sum) {
+    const __m128i v = ownPackBlock(p, sum);
+    if (kStream)
+        _mm_stream_si128(reinterpret_cast<__m128i*>(p), v);
+    else
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v);
+}
+
+// Destination regions of at least this many bytes are streamed (see above):
+// more than a last-level cache holds, so that a result the caller may read
+// next from the cache stays there.
+constexpr std::size_t kOwnStreamBytes = std::size_t(32) << 20;
+
+// Runs blocks(kStream) with kStream true when streaming is asked for and out
+// is 16-byte aligned.
+template <class Blocks>
+OWN_LANE void ownWithStream(bool stream, const void* out, Blocks&& blocks) {
+    if (stream && ownIsAligned16(out))
+        blocks(std::true_type{});
+    else
+        blocks(std::false_type{});
+}
+
+// The same, four voxels a vector, a store block at a time. The rows come
+// from the work buffer and are 16-byte aligned; out may have any alignment.
+template <int kTaps, class TOut>
+inline void ownCombineVector(const float* const* rows, const float* w, TOut* out, int n, bool stream) {
+    constexpr int kBlock = 16 / static_cast<int>(sizeof(TOut));  // voxels per 16-byte store
+    const OwnRowCombiner<kTaps> group(rows, w);
+    int i = 0;
+    ownWithStream(stream, out, [&](auto streamed) OWN_KERNEL {
+        for (; i + kBlock <= n; i += kBlock)
+            ownStoreBlock<decltype(streamed)::value>(out + i, [&](int j) OWN_KERNEL { return group(i + j); });
+    });
+    for (; i + 4 <= n; i += 4) ownStoreInterp4(out + i, group(i));
     ownCombineScalar<kTaps>(rows, w, out, i, n);
 }
 
 template <int kTaps, bool kVec, class TOut>
-inline void ownCombine(const float* const* rows, const float* w, TOut* out, int n) {
+inline void ownCombine(const float* const* rows, const float* w, TOut* out, int n, bool stream = false) {
     if (kVec)
-        ownCombineVector<kTaps>(rows, w, out, n);
+        ownCombineVector<kTaps>(rows, w, out, n, stream);
     else
         ownCombineScalar<kTaps>(rows, w, out, 0, n);
 }
@@ -478,12 +560,6 @@ inline void ownCombine(const float* const* rows, const float* w, TOut* out, int 
 // (the planes hold the float results unchanged). kOnePlane: every z tap is
 // the same plane (a source one plane deep), so its y result is formed once
 // and used for each tap.
-template <int kTaps, class F>
-OWN_LANE F ownCombineTaps(const F* v, const F* w) {
-    if (kTaps == 2) return ownLerp(v[0], v[1], w[0]);
-    return ownCubicSum(v[0], v[1], v[kTaps > 2 ? 2 : 0], v[kTaps > 3 ? 3 : 0], w[0], w[1], w[kTaps > 2 ? 2 : 0],
-                       w[kTaps > 3 ? 3 : 0]);
-}
 
 template <int kTaps, bool kOnePlane, class TOut>
 inline void ownCombineYZScalar(const float* const (*rows)[kTaps], const float* wy, const float* wz, TOut* out,
@@ -498,34 +574,39 @@ inline void ownCombineYZScalar(const float* const (*rows)[kTaps], const float* w
                 yv[jz] = yv[0];
                 continue;
             }
-            float xv[kTaps];
-            for (int jy = 0; jy < kTaps; ++jy) xv[jy] = rows[jz][jy][i];
-            yv[jz] = ownCombineTaps<kTaps>(xv, ty);
+            const float* const* r = rows[jz];
+            yv[jz] = ownCombineTaps<kTaps>(r[0][i], r[1][i], r[kTaps > 2 ? 2 : 0][i], r[kTaps > 3 ? 3 : 0][i], ty[0],
+                                           ty[kW > 1 ? 1 : 0], ty[kW > 2 ? 2 : 0], ty[kW > 3 ? 3 : 0]);
         }
-        out[i] = ownStoreInterp<TOut>(ownCombineTaps<kTaps>(yv, tz));
+        out[i] = ownStoreInterp<TOut>(ownCombineTaps<kTaps>(yv[0], yv[1], yv[kTaps > 2 ? 2 : 0], yv[kTaps > 3 ? 3 : 0],
+                                                            tz[0], tz[kW > 1 ? 1 : 0], tz[kW > 2 ? 2 : 0],
+                                                            tz[kW > 3 ? 3 : 0]));
     }
 }
 
 template <int kTaps, bool kOnePlane, bool kVec, class TOut>
-inline void ownCombineYZ(const float* const (*rows)[kTaps], const float* wy, const float* wz, TOut* out, int n) {
+inline void ownCombineYZ(const float* const (*rows)[kTaps], const float* wy, const float* wz, TOut* out, int n,
+                         bool stream) {
     int i = 0;
     if (kVec) {
-        constexpr int kW = kTaps == 2 ? 1 : 4;
-        OwnF4 ty[kW], tz[kW];
-        for (int j = 0; j < kW; ++j) ty[j] = OwnF4(wy[j]), tz[j] = OwnF4(wz[j]);
-        for (; i + 4 <= n; i += 4) {
-            OwnF4 yv[kTaps];
-            for (int jz = 0; jz < kTaps; ++jz) {
-                if (kOnePlane && jz > 0) {
-                    yv[jz] = yv[0];
-                    continue;
-                }
-                OwnF4 xv[kTaps];
-                for (int jy = 0; jy < kTaps; ++jy) xv[jy] = ownLoadA(rows[jz][jy] + i);
-                yv[jz] = ownCombineTaps<kTaps>(xv, ty);
+        constexpr int kBlock = 16 / static_cast<int>(sizeof(TOut));
+        const OwnRowCombiner<kTaps> y0(rows[0], wy), y1(rows[kOnePlane ? 0 : 1], wy),
+            y2(rows[kOnePlane || kTaps < 3 ? 0 : 2], wy), y3(rows[kOnePlane || kTaps < 4 ? 0 : 3], wy);
+        const OwnF4 tz0(wz[0]), tz1(kTaps > 2 ? wz[1] : 0.0f), tz2(kTaps > 2 ? wz[2] : 0.0f),
+            tz3(kTaps > 2 ? wz[3] : 0.0f);
+        auto group = [&](int i) OWN_KERNEL {
+            if (kOnePlane) {
+                const OwnF4 v = y0(i);
+                return ownCombineTaps<kTaps>(v, v, v, v, tz0, tz1, tz2, tz3);
             }
-            ownStoreInterp4(out + i, ownCombineTaps<kTaps>(yv, tz));
-        }
+            if (kTaps == 2) return ownCombineTaps<kTaps>(y0(i), y1(i), y0(i), y0(i), tz0, tz1, tz2, tz3);
+            return ownCombineTaps<kTaps>(y0(i), y1(i), y2(i), y3(i), tz0, tz1, tz2, tz3);
+        };
+        ownWithStream(stream, out, [&](auto streamed) OWN_KERNEL {
+            for (; i + kBlock <= n; i += kBlock)
+                ownStoreBlock<decltype(streamed)::value>(out + i, [&](int j) OWN_KERNEL { return group(i + j); });
+        });
+        for (; i + 4 <= n; i += 4) ownStoreInterp4(out + i, group(i));
     }
     ownCombineYZScalar<kTaps, kOnePlane>(rows, wy, wz, out, i, n);
 }
@@ -588,6 +669,14 @@ void ownResizeNearest(const OwnResizeContext& c, const SrcVol& src, const DstVol
     }
 }
 
+// Whether the call's destination region is large enough to stream.
+template <class T>
+inline bool ownStreamDestination(const OwnResizeContext& c) {
+    return static_cast<std::size_t>(c.dstWidth) * static_cast<std::size_t>(c.dstHeight) *
+               static_cast<std::size_t>(c.dstDepth) * sizeof(T) >=
+           kOwnStreamBytes;
+}
+
 // A slab of one destination plane (a single-plane resize, or a thread's share
 // of a thin region): no intermediate plane would be used again, so none is
 // stored. Each distinct z-tap plane has its own x-row cache, and every
@@ -597,6 +686,7 @@ void ownResizeOnePlane(const OwnResizeContext& c, const SrcVol& src, const DstVo
                        const OwnResizeLayout& l, float* rowArea) {
     const int w = c.dstWidth, h = c.dstHeight;
     const std::size_t wStride = kTaps == 2 ? 1 : 4;
+    const bool stream = ownStreamDestination<T>(c);
     int wantZ[kTaps], planes[kTaps], cacheOf[kTaps];
     ownTaps<kTaps>(ax[2], 0, wantZ);
     int numPlanes = 0;
@@ -624,14 +714,15 @@ void ownResizeOnePlane(const OwnResizeContext& c, const SrcVol& src, const DstVo
         const float* wy = ax[1].w + wStride * y;
         auto* out = dst.row(z, c.dstY0 + y) + c.dstX0;
         if (numPlanes == 1) {
-            ownCombineYZ<kTaps, true, kVec>(xRows, wy, wz, out, w);
+            ownCombineYZ<kTaps, true, kVec>(xRows, wy, wz, out, w, stream);
         } else {
             const float* rows[kTaps][kTaps];
             for (int j = 0; j < kTaps; ++j)
                 for (int jy = 0; jy < kTaps; ++jy) rows[j][jy] = xRows[cacheOf[j]][jy];
-            ownCombineYZ<kTaps, false, kVec>(rows, wy, wz, out, w);
+            ownCombineYZ<kTaps, false, kVec>(rows, wy, wz, out, w, stream);
         }
     }
+    if (stream) ownStreamFence();
 }
 
 // Linear (kTaps 2) and cubic (kTaps 4). For each destination plane the source
@@ -646,6 +737,7 @@ void ownResizeSeparable(const OwnResizeContext& c, const SrcVol& src, const DstV
     OwnAxis ax[3];
     ownSetUpAxes<kTaps, kVec, std::remove_const_t<T>>(c, zBeg, zEnd, buf, l, ax);
     const int w = c.dstWidth, h = c.dstHeight;
+    const bool stream = kVec && ownStreamDestination<T>(c);
     const std::size_t wStride = kTaps == 2 ? 1 : 4;  // floats of weights per coordinate
 
     unsigned char* p = buf + l.indexX + l.indexY + l.indexZ + l.weightX + l.weightY + l.weightZ + l.picks;
@@ -684,9 +776,10 @@ void ownResizeSeparable(const OwnResizeContext& c, const SrcVol& src, const DstV
         for (int y = 0; y < h; ++y) {
             const float* rows[kTaps];
             for (int j = 0; j < kTaps; ++j) rows[j] = planeRows[j] + y * l.planeRowFloats;
-            ownCombine<kTaps, kVec>(rows, wz, dst.row(z, c.dstY0 + y) + c.dstX0, w);
+            ownCombine<kTaps, kVec>(rows, wz, dst.row(z, c.dstY0 + y) + c.dstX0, w, stream);
         }
     }
+    if (stream) ownStreamFence();
 }
 
 // Runs the kernel of the context's interpolation code on one slab.
