@@ -552,6 +552,38 @@ TYPED_TEST(ResizeOf, WideLoadsStopAtTheEndOfTheSource) {
         }
 }
 
+// Linear results on 8u and 16u never leave the element's range (blends with
+// non-negative weights), and the vector path converts them without clamping:
+// at the top of the range, on steps from 0 to the maximum, and on random
+// voxels, its bits equal the scalar rule's, and a volume at the maximum
+// stays there.
+TYPED_TEST(ResizeOf, LinearIntegerResultsAtTheRangeEndsMatchTheScalarRule) {
+    using T = TypeParam;
+    if (!std::is_integral<T>::value) return;
+    const double top = double(std::numeric_limits<T>::max());
+    for (int fill = 0; fill < 3; ++fill)
+        for (double f : {1.37, 2.6, 0.7}) {
+            const Args a{{0, 0, 0, 16, 7, 5}, {0, 0, 0, 44, 18, 13}, {f, f, f}, {0, 0, 0}, vekrInterLinear};
+            Vol<T> s(16, 7, 5, 0, vv::padTo16<T>(16));
+            vt::Rng rng(70 + fill);
+            vv::fillRandom(s, rng);
+            if (fill == 0) s.fill([&](int, int, int) { return top; });
+            if (fill == 1) s.fill([&](int x, int y, int z) { return (x + y + z) % 2 ? top : 0.0; });
+            const Region r = regionOf(s.size(), a);
+            const int w = (r.hi[0] - r.lo[0]) / 4 * 4;  // a written width the vector path takes
+            Args b = a;
+            b.dstVoi.width = w;
+            Vol<T> vec(48, 18, 13, 0, vv::padTo16<T>(48)), scalar(48, 18, 13, 4, vv::padTo16<T>(48));
+            ASSERT_EQ(vekStatusOk, resize(s, vec, b, false));
+            ASSERT_EQ(vekStatusOk, resize(s, scalar, b, false));
+            EXPECT_TRUE(vt::SameBits(vec.values(), scalar.values())) << "fill " << fill << " factor " << f;
+            if (fill != 0) continue;
+            for (int z = r.lo[2]; z < r.hi[2]; ++z)
+                for (int y = r.lo[1]; y < r.hi[1]; ++y)
+                    for (int x = 0; x < w; ++x) ASSERT_EQ(top, double(vec.at(x, y, z)));
+        }
+}
+
 // A destination region of 32 MiB and more is written with streaming stores
 // (on rows that start on a 16-byte boundary): the same bits as the scalar
 // rule's, which stores normally.
