@@ -170,10 +170,12 @@ constexpr int ownPickReach() {
     return sizeof(T) == 4 ? kTaps + 3 : 8;
 }
 
-// Bytes of one group's record: the pattern, plus four weight vectors for cubic.
+// Bytes of one group's record: the pattern, then for linear the four
+// weights 1 - t (formed in float, as the blend forms them) and the four
+// fractions t, for cubic the four weight vectors.
 template <int kTaps>
 constexpr std::size_t ownPickRecordBytes() {
-    return kTaps == 4 ? 80 : 16;
+    return kTaps == 4 ? 80 : 48;
 }
 
 // Fills the records of the groups k = inA, inA + 4, ... that qualify, from the
@@ -190,10 +192,15 @@ void ownBuildPicks(OwnAxis& a, unsigned char* area) {
         const int f0 = a.first[k];
         if (a.first[k + 3] - f0 > 3 || f0 + ownPickReach<kTaps, T>() - 1 > a.hi) break;
         for (int j = 0; j < 4; ++j) ownLanePick(static_cast<T*>(nullptr), a.first[k + j] - f0, rec + 4 * j);
+        float* wt = reinterpret_cast<float*>(rec + 16);
         if (kTaps == 4) {
-            float* wt = reinterpret_cast<float*>(rec + 16);
             for (int m = 0; m < 4; ++m)
                 for (int j = 0; j < 4; ++j) wt[4 * m + j] = a.w[4 * (k + j) + m];
+        } else {
+            for (int j = 0; j < 4; ++j) {
+                wt[j] = 1.0f - a.w[k + j];
+                wt[4 + j] = a.w[k + j];
+            }
         }
     }
     a.pickB = k;
@@ -398,11 +405,12 @@ OWN_LANE OwnPickWindow8u ownPickWindow(const std::uint8_t* p) { return OwnPickWi
 // Vector form of the picked group k..k+3 with record rec: the same lanes and
 // operations as ownXVoxel4, the taps moved into place by the byte pattern.
 template <int kTaps, class T>
-OWN_LANE OwnF4 ownXVoxel4Picked(const T* src, const int* first, const float* w2, int k, const unsigned char* rec) {
+OWN_LANE OwnF4 ownXVoxel4Picked(const T* src, const int* first, int k, const unsigned char* rec) {
     const OwnI4 pick = ownLoadA(reinterpret_cast<const std::int32_t*>(rec));
     const auto win = ownPickWindow(src + first[k]);
-    if (kTaps == 2) return ownLerp(win.tap(pick, 0), win.tap(pick, 1), ownLoadU(w2 + k));
     const float* w = reinterpret_cast<const float*>(rec + 16);
+    // (1 - t) * v0 + t * v1 with 1 - t from the record: ownLerp's operations.
+    if (kTaps == 2) return ownLoadA(w) * win.tap(pick, 0) + ownLoadA(w + 4) * win.tap(pick, 1);
     return ownCubicSum(win.tap(pick, 0), win.tap(pick, 1), win.tap(pick, 2), win.tap(pick, 3), ownLoadA(w),
                        ownLoadA(w + 4), ownLoadA(w + 8), ownLoadA(w + 12));
 }
@@ -425,10 +433,9 @@ void ownXPass(const T* src, const OwnAxis& a, float* out) {
         // make the compiler reload them from the axis every group.
         const unsigned char* rec = a.pick;
         const int* first = a.first;
-        const float* w = a.w;
         const int pickB = a.pickB;
         for (; k + 4 <= pickB; k += 4, rec += ownPickRecordBytes<kTaps>())
-            ownStoreU(out + k, ownXVoxel4Picked<kTaps>(src, first, w, k, rec));
+            ownStoreU(out + k, ownXVoxel4Picked<kTaps>(src, first, k, rec));
         for (; k + 4 <= a.inB; k += 4) ownStoreU(out + k, ownXVoxel4<kTaps>(src, a, k));
     }
     for (; k < a.n; ++k) out[k] = ownXVoxel<kTaps>(src, a, k);
