@@ -265,15 +265,16 @@ struct ResampleGeometry {
     VekrVolume src;
     VekrCuboid srcVoi;
     VekrVolume dst;  // odd layouts; aligned ones use the width rounded down to a multiple of 4
+    bool evenPlanes; // source planes one block (evenly spaced), or scattered
 };
 
 const ResampleGeometry kResample[] = {
-    {"volume", {23, 19, 18}, {2, 1, 1, 20, 17, 16}, {21, 18, 17}},
-    {"volume-cut", {22, 20, 17}, {3, 2, 2, 40, 40, 40}, {18, 19, 16}},
-    {"plane", {57, 43, 1}, {1, 2, 0, 54, 40, 1}, {69, 37, 2}},
-    {"plane-wide", {150, 97, 1}, {0, 0, 0, 150, 97, 1}, {141, 101, 1}},
-    {"thin", {3, 9, 8}, {0, 0, 0, 3, 9, 8}, {17, 16, 16}},
-    {"line", {1, 12, 7}, {0, 0, 0, 1, 12, 7}, {9, 10, 5}},
+    {"volume", {23, 19, 18}, {2, 1, 1, 20, 17, 16}, {21, 18, 17}, true},
+    {"volume-scattered", {22, 20, 17}, {3, 2, 2, 40, 40, 40}, {18, 19, 16}, false},
+    {"plane", {57, 43, 1}, {1, 2, 0, 54, 40, 1}, {69, 37, 2}, false},
+    {"plane-wide", {150, 97, 1}, {0, 0, 0, 150, 97, 1}, {141, 101, 1}, false},
+    {"thin", {3, 9, 8}, {0, 0, 0, 3, 9, 8}, {17, 16, 16}, true},
+    {"line", {1, 12, 7}, {0, 0, 0, 1, 12, 7}, {9, 10, 5}, false},
 };
 
 // Maps: an inverse rotation about the region's centre with some scale, plus a
@@ -355,7 +356,7 @@ void remapDigests(Digests& out) {
                     const std::string name = caseName("remap", typeName<T>(), g.name, aligned, code, threads);
                     Rng rng(seedOf(name));
                     const int w = aligned ? g.dst.width / 4 * 4 : g.dst.width;
-                    Vol<T> src(g.src.width, g.src.height, g.src.depth, aligned, true);
+                    Vol<T> src(g.src.width, g.src.height, g.src.depth, aligned, !g.evenPlanes);
                     Vol<T> dst(w, g.dst.height, g.dst.depth, aligned, true);
                     Vol<float> maps[3] = {{w, g.dst.height, g.dst.depth, aligned, true},
                                           {w, g.dst.height, g.dst.depth, aligned, true},
@@ -426,7 +427,7 @@ void warpDigests(Digests& out) {
                         const int x0 = aligned ? 16 / static_cast<int>(sizeof(T)) : 3;
                         const VekrCuboid box{x0, 2, 1, aligned ? g.dst.width / 4 * 4 : g.dst.width, g.dst.height,
                                              g.dst.depth};
-                        Vol<T> src(g.src.width, g.src.height, g.src.depth, aligned, true);
+                        Vol<T> src(g.src.width, g.src.height, g.src.depth, aligned, !g.evenPlanes);
                         Vol<T> dst(box.x + box.width + 2, box.y + box.height + 1, box.z + box.depth, aligned, true);
                         src.fillValues(rng);
                         dst.fillBytes(rng);
