@@ -8,10 +8,12 @@
 // sources small enough to lower the interpolation, and 1, 2 and 3 threads.
 // Each digest is FNV-1a 64 over the status and every byte of the destination
 // allocation (rows' padding and the voxels the call leaves alone included),
-// which was filled with pseudo-random bytes before the call.
+// which was filled with pseudo-random bytes before the call; float NaNs are
+// hashed as one pattern (see Vol::bytesDigest).
 //
 //   test_volume_digest            checks against the file
 //   test_volume_digest --write F  writes the digests of this build to F
+//   test_volume_digest --dump NAME F   writes the destination bytes of case NAME to F
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -104,7 +106,8 @@ struct Vol {
         for (std::size_t i = 0; i < span; ++i) base[i] = static_cast<unsigned char>(r.next() >> 56);
     }
     // Sources: voxel values over the type's range (floats: multiples of
-    // 1/1024 in [-40, 300), now and then far outside it).
+    // 1/1024 in [-40, 300), now and then far outside it, NaN, an infinity,
+    // -0 or a denormal).
     void fillValues(Rng& r) {
         for (int z = 0; z < d; ++z)
             for (int y = 0; y < h; ++y)
@@ -114,22 +117,56 @@ struct Vol {
         if constexpr (std::is_integral<T>::value) {
             return static_cast<T>(r.next() >> 40);
         } else {
+            // Now and then a special value: the outputs that touch it must
+            // keep their bits too.
+            if (r.below(256) == 0) {
+                const float special[] = {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+                                         -std::numeric_limits<float>::infinity(), -0.0f, 1e-40f, -3e-39f};
+                return special[r.below(6)];
+            }
             if (r.below(64) == 0) return r.grid(-100000, 100000);
             return r.grid(-40, 300);
         }
     }
+    // Float destinations hash every NaN as one pattern: which NaN an
+    // operation returns when a NaN input meets a NaN it creates (inf - inf,
+    // 0 * inf) depends on the operand order the compiler picks for a
+    // commutative operation, and the i386 and x86-64 builds pick differently.
+    // That a voxel is NaN still counts.
+    std::uint64_t bytesDigest() const {
+        Fnv f;
+        if constexpr (std::is_same<T, float>::value) {
+            // Floats lie on 4-byte steps from base in both layouts.
+            for (std::size_t i = 0; i + 4 <= span; i += 4) {
+                std::uint32_t u;
+                std::memcpy(&u, base + i, 4);
+                if ((u & 0x7fffffffu) > 0x7f800000u) u = 0x7fc00000u;
+                f.add(&u, 4);
+            }
+            f.add(base + span / 4 * 4, span % 4);
+        } else {
+            f.add(base, span);
+        }
+        return f.h;
+    }
     std::uint64_t digest(int status) const {
         Fnv f;
         f.add(&status, sizeof status);
-        f.add(base, span);
-        return f.h;
-    }
-    std::uint64_t bytesDigest() const {
-        Fnv f;
-        f.add(base, span);
+        const std::uint64_t bytes = bytesDigest();
+        f.add(&bytes, sizeof bytes);
         return f.h;
     }
 };
+
+// --dump NAME FILE: the case whose destination bytes go to FILE (to find
+// which voxels differ between two builds).
+struct DumpRequest {
+    std::string name, file;
+};
+DumpRequest& dumpRequest() {
+    static DumpRequest request;
+    return request;
+}
 
 // One case's outcome: its digest, the call's status and whether the call
 // changed any byte of the destination.
@@ -144,6 +181,12 @@ struct Digests : std::vector<Outcome> {
     template <class T>
     void record(const std::string& name, const Vol<T>& dst, std::uint64_t before, int status) {
         const std::uint64_t after = dst.digest(status);
+        if (name == dumpRequest().name) {
+            if (std::FILE* f = std::fopen(dumpRequest().file.c_str(), "wb")) {
+                std::fwrite(dst.base, 1, dst.span, f);
+                std::fclose(f);
+            }
+        }
         push_back(Outcome{name, after, status, dst.bytesDigest() != before});
     }
 };
@@ -602,6 +645,11 @@ int writeDigests(const char* path) {
 
 int main(int argc, char** argv) {
     if (argc == 3 && std::strcmp(argv[1], "--write") == 0) return writeDigests(argv[2]);
+    if (argc == 4 && std::strcmp(argv[1], "--dump") == 0) {
+        dumpRequest() = DumpRequest{argv[2], argv[3]};
+        for (const char* family : kFamilies) computeFamily(family);
+        return 0;
+    }
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
