@@ -8,7 +8,9 @@
 // plane, and the intermediate planes are combined along z into the result.
 // The float operation order of every voxel is fixed by that sequence, so the
 // caches that spare recomputation (x rows per source row, intermediate planes
-// per source plane) and the thread split never change a result.
+// per source plane), the combination of a one-plane slab's rows along y and z
+// in one pass (no plane is stored when none would be used twice), the way the
+// x pass gathers its taps and the thread split never change a result.
 #include <omp.h>
 
 #include <climits>
