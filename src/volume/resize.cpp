@@ -557,7 +557,7 @@ OWN_LANE void ownWithStream(bool stream, const void* out, Blocks&& blocks) {
 // The same, four voxels a vector, a store block at a time. The rows come
 // from the work buffer and are 16-byte aligned; out may have any alignment.
 template <int kTaps, class TOut>
-inline void ownCombineVector(const float* const* rows, const float* w, TOut* out, int n, bool stream) {
+OWN_LANE void ownCombineVector(const float* const* rows, const float* w, TOut* out, int n, bool stream) {
     constexpr int kBlock = 16 / static_cast<int>(sizeof(TOut));  // voxels per 16-byte store
     const OwnRowCombiner<kTaps> group(rows, w);
     int i = 0;
@@ -569,12 +569,24 @@ inline void ownCombineVector(const float* const* rows, const float* w, TOut* out
     ownCombineScalar<kTaps>(rows, w, out, i, n);
 }
 
+// The cubic form, kept out of line: inlined into the slab loop it leaves too
+// few registers on i386.
+template <int kTaps, class TOut>
+__attribute__((noinline)) void ownCombineVectorCall(const float* const* rows, const float* w, TOut* out, int n,
+                                                    bool stream) {
+    ownCombineVector<kTaps>(rows, w, out, n, stream);
+}
+
+// One row combination. The linear form is inlined: short rows (downscaling)
+// would otherwise pay a call and its set-up per row.
 template <int kTaps, bool kVec, class TOut>
-inline void ownCombine(const float* const* rows, const float* w, TOut* out, int n, bool stream = false) {
-    if (kVec)
+OWN_LANE void ownCombine(const float* const* rows, const float* w, TOut* out, int n, bool stream = false) {
+    if (!kVec)
+        ownCombineScalar<kTaps>(rows, w, out, 0, n);
+    else if (kTaps == 2)
         ownCombineVector<kTaps>(rows, w, out, n, stream);
     else
-        ownCombineScalar<kTaps>(rows, w, out, 0, n);
+        ownCombineVectorCall<kTaps>(rows, w, out, n, stream);
 }
 
 // y and z combined in one pass, for a slab of one destination plane: rows[j]
