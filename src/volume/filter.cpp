@@ -153,69 +153,110 @@ std::uint32_t ownSumPacked(const FilterJob& job, const OwnW8* pPacked, int x, in
     return sum;
 }
 
-// One destination row. For each kernel row, a pass adds that row's products
-// into the accumulator row, eight voxels at a time. The 16-bit lanes of the
+// Sums of the groups of eight voxels x .. x + 8 * kGroups - 1 of one
+// destination row, kept in registers over the whole kernel (plane by plane,
+// row by row) and finished into the destination.
+//
+// Pair p of a kernel row holds taps 2p and 2p+1. The 16-bit lanes of the
 // source vector a = s[x+2p .. x+2p+7] pair up as (s[x+2p+2i], s[x+2p+2i+1]),
 // so ownMulAddPairs with the pair block (c0, c1, c0, c1, ...) gives
-// c0 * s[x+2p+2i] + c1 * s[x+2p+2i+1], the contribution of taps 2p and 2p+1 to
-// the even voxels x+2i; the vector one voxel further, s[x+2p+1 ...], gives the
-// odd voxels x+2i+1 the same way. No shuffles are needed in the inner loop:
-// each group of eight keeps its sums as (even four, odd four) in the
-// accumulator row, and the final step puts them back in order.
+// c0 * s[x+2p+2i] + c1 * s[x+2p+2i+1], the contribution of both taps to the
+// even voxel x+2i; the vector one voxel further, s[x+2p+1 ...], gives the odd
+// voxels x+2i+1 the same way. No shuffles are needed in the inner loop: each
+// group keeps its sums as (even four, odd four) and the final step puts them
+// back in order.
 //
 // The odd last pair (second coefficient 0) needs only tap 2p: the even voxels
 // take it from a as before, and the odd ones from a's odd lanes with the block
 // shifted to (0, c0, 0, c0, ...). This keeps every load inside the row's source
 // neighbourhood (the vector one voxel further would read one voxel past it).
 //
-// The voxels after the last full group of eight take the scalar rule; integer
-// sums do not depend on the order of the terms, so both give the same values.
-void ownFilterRowPacked(const FilterJob& job, const OwnW8* pPacked, std::int32_t* pAcc, int y, int z) {
-    const int w8 = job.width & ~7;
-    const int pairs = ownPairsPerRow(job.kw);
-    const int fullPairs = job.kw / 2;
-    const OwnI4 zero(0);
-    for (int x = 0; x < w8; x += 8) {
-        ownStoreA(pAcc + x, zero);
-        ownStoreA(pAcc + x + 4, zero);
-    }
-    for (int k = 0; k < job.kd; ++k) {
-        for (int j = 0; j < job.kh; ++j) {
-            const std::int16_t* row = ownSrcRow(job, y, z, j, k);
-            const OwnW8* coef = pPacked + (k * job.kh + j) * pairs;
-            for (int x = 0; x < w8; x += 8) {
-                const std::int16_t* s = row + x;
-                OwnI4 even = ownLoadA(pAcc + x);
-                OwnI4 odd = ownLoadA(pAcc + x + 4);
-                int p = 0;
-                for (; p < fullPairs; ++p) {
-                    const OwnW8 a = ownLoadU(s + 2 * p);
-                    const OwnW8 b = ownLoadU(s + 2 * p + 1);
-                    const OwnW8 c = coef[p];
-                    even = even + ownMulAddPairs(a, c);
-                    odd = odd + ownMulAddPairs(b, c);
+// kFullPairs is the number of full pairs per kernel row when it is known at
+// compile time (the short rows of the usual kernels), -1 when it is read from
+// the job; kOddTap says whether each row ends with a half pair.
+// acc += x. The empty asm keeps the compiler from regrouping a pass's sums
+// (it would form all products first and spill them: i386 has eight vector
+// registers); the sums are integers, so any grouping gives the same values and
+// only the register use changes.
+OWN_LANE void ownAccumulate(OwnI4& acc, OwnI4 x) {
+    acc = acc + x;
+    __asm__("" : "+x"(acc.v));
+}
+
+template <int kFullPairs, bool kOddTap, int kGroups>
+OWN_KERNEL inline void ownFilterGroupsPacked(const FilterJob& job, const OwnW8* pPacked, int y, int z, int x,
+                                             std::int16_t* pDst) {
+    static_assert(kGroups == 1 || kGroups == 2, "one or two groups of eight");
+    const int fullPairs = kFullPairs >= 0 ? kFullPairs : job.kw / 2;
+    const int pairs = fullPairs + (kOddTap ? 1 : 0);
+    const int kh = job.kh, kd = job.kd;
+    const std::ptrdiff_t step = job.srcStep;
+    OwnI4 even0(0), odd0(0), even1(0), odd1(0);
+    const OwnW8* coef = pPacked;
+    for (int k = 0; k < kd; ++k) {
+        const std::int16_t* s = ownSrcRow(job, y, z, 0, k) + x;
+        for (int j = 0; j < kh; ++j, s += step, coef += pairs) {
+            for (int p = 0; p < fullPairs; ++p) {
+                const OwnW8 c = coef[p];
+                ownAccumulate(even0, ownMulAddPairs(ownLoadU(s + 2 * p), c));
+                ownAccumulate(odd0, ownMulAddPairs(ownLoadU(s + 2 * p + 1), c));
+                if (kGroups == 2) {
+                    ownAccumulate(even1, ownMulAddPairs(ownLoadU(s + 8 + 2 * p), c));
+                    ownAccumulate(odd1, ownMulAddPairs(ownLoadU(s + 8 + 2 * p + 1), c));
                 }
-                if (p < pairs) {
-                    const OwnW8 a = ownLoadU(s + 2 * p);
-                    const OwnW8 c = coef[p];
-                    even = even + ownMulAddPairs(a, c);
-                    odd = odd + ownMulAddPairs(a, ownPairShiftUp(c));
+            }
+            if (kOddTap) {
+                const OwnW8 c = coef[fullPairs];
+                const OwnW8 cs = ownPairShiftUp(c);
+                const OwnW8 a0 = ownLoadU(s + 2 * fullPairs);
+                ownAccumulate(even0, ownMulAddPairs(a0, c));
+                ownAccumulate(odd0, ownMulAddPairs(a0, cs));
+                if (kGroups == 2) {
+                    const OwnW8 a1 = ownLoadU(s + 8 + 2 * fullPairs);
+                    ownAccumulate(even1, ownMulAddPairs(a1, c));
+                    ownAccumulate(odd1, ownMulAddPairs(a1, cs));
                 }
-                ownStoreA(pAcc + x, even);
-                ownStoreA(pAcc + x + 4, odd);
             }
         }
     }
-    for (int x = w8; x < job.width; ++x) pAcc[x] = static_cast<std::int32_t>(ownSumPacked(job, pPacked, x, y, z));
-
-    std::int16_t* dst = job.pDst[z] + static_cast<std::ptrdiff_t>(y) * job.dstStep;
     const OwnF4 scale(job.scale);
-    for (int x = 0; x < w8; x += 8) {
-        const OwnI4 even = ownLoadA(pAcc + x);
-        const OwnI4 odd = ownLoadA(pAcc + x + 4);
-        ownFinish8(ownToFloat(ownInterleaveLo(even, odd)), ownToFloat(ownInterleaveHi(even, odd)), scale, dst + x);
+    ownFinish8(ownToFloat(ownInterleaveLo(even0, odd0)), ownToFloat(ownInterleaveHi(even0, odd0)), scale, pDst + x);
+    if (kGroups == 2)
+        ownFinish8(ownToFloat(ownInterleaveLo(even1, odd1)), ownToFloat(ownInterleaveHi(even1, odd1)), scale,
+                   pDst + x + 8);
+}
+
+// One destination row: sixteen voxels per pass while they last, then eight,
+// then the scalar rule for the voxels after the last group of eight. Integer
+// sums do not depend on the order of the terms (the 32-bit sums wrap alike in
+// any order), so every split gives the same values.
+template <int kFullPairs, bool kOddTap>
+void ownFilterRowPackedT(const FilterJob& job, const OwnW8* pPacked, int y, int z) {
+    std::int16_t* dst = job.pDst[z] + static_cast<std::ptrdiff_t>(y) * job.dstStep;
+    int x = 0;
+    for (; x + 16 <= job.width; x += 16) ownFilterGroupsPacked<kFullPairs, kOddTap, 2>(job, pPacked, y, z, x, dst);
+    if (x + 8 <= job.width) {
+        ownFilterGroupsPacked<kFullPairs, kOddTap, 1>(job, pPacked, y, z, x, dst);
+        x += 8;
     }
-    for (int x = w8; x < job.width; ++x) dst[x] = ownFinishVoxel(static_cast<float>(pAcc[x]), job.scale);
+    for (; x < job.width; ++x)
+        dst[x] = ownFinishVoxel(static_cast<float>(static_cast<std::int32_t>(ownSumPacked(job, pPacked, x, y, z))),
+                                job.scale);
+}
+
+void ownFilterRowPacked(const FilterJob& job, const OwnW8* pPacked, std::int32_t*, int y, int z) {
+    switch (job.kw) {
+        case 1: return ownFilterRowPackedT<0, true>(job, pPacked, y, z);
+        case 2: return ownFilterRowPackedT<1, false>(job, pPacked, y, z);
+        case 3: return ownFilterRowPackedT<1, true>(job, pPacked, y, z);
+        case 4: return ownFilterRowPackedT<2, false>(job, pPacked, y, z);
+        case 5: return ownFilterRowPackedT<2, true>(job, pPacked, y, z);
+        case 6: return ownFilterRowPackedT<3, false>(job, pPacked, y, z);
+        case 7: return ownFilterRowPackedT<3, true>(job, pPacked, y, z);
+        default:
+            if (job.kw & 1) return ownFilterRowPackedT<-1, true>(job, pPacked, y, z);
+            return ownFilterRowPackedT<-1, false>(job, pPacked, y, z);
+    }
 }
 
 // ---------------------------------------------------------------------------
