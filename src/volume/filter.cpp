@@ -1,5 +1,5 @@
 // 3-D convolution of 16-bit signed volumes with an integer kernel and divisor:
-// a packed path (16-bit coefficient pairs, pair multiply-adds into 32-bit rows)
+// a packed path (16-bit coefficient pairs, pair multiply-adds into 32-bit sums)
 // and a wide path (double accumulation) for kernels that do not fit in 16 bits.
 #include <omp.h>
 
@@ -22,7 +22,7 @@ namespace {
 constexpr std::int32_t kPackMin = -32767;
 constexpr std::int32_t kPackMax = 32766;
 
-// Bytes of one thread's share of the work buffer: the accumulator row (width
+// Bytes of one thread's share of the work buffer: room for an accumulator row (width
 // rounded up to 16 voxels, 4 bytes each), 32 bytes per coefficient pair of the
 // kernel and 32 bytes of slack (used to align the share to 16 bytes). The
 // formula is one of unsigned 32-bit arithmetic; ownFilterBufSize forms it in
@@ -134,7 +134,7 @@ void ownPackKernel16(const FilterJob& job, OwnW8* pPacked) {
 }
 
 // Scalar rule for one voxel: the sum of products in 32-bit arithmetic. A sum
-// beyond the int32 range wraps, as the 32-bit accumulator rows do (unsigned
+// beyond the int32 range wraps, as the 32-bit vector sums do (unsigned
 // arithmetic keeps the wrap defined).
 std::uint32_t ownSumPacked(const FilterJob& job, const OwnW8* pPacked, int x, int y, int z) {
     const int pairs = ownPairsPerRow(job.kw);
@@ -153,27 +153,6 @@ std::uint32_t ownSumPacked(const FilterJob& job, const OwnW8* pPacked, int x, in
     return sum;
 }
 
-// Sums of the groups of eight voxels x .. x + 8 * kGroups - 1 of one
-// destination row, kept in registers over the whole kernel (plane by plane,
-// row by row) and finished into the destination.
-//
-// Pair p of a kernel row holds taps 2p and 2p+1. The 16-bit lanes of the
-// source vector a = s[x+2p .. x+2p+7] pair up as (s[x+2p+2i], s[x+2p+2i+1]),
-// so ownMulAddPairs with the pair block (c0, c1, c0, c1, ...) gives
-// c0 * s[x+2p+2i] + c1 * s[x+2p+2i+1], the contribution of both taps to the
-// even voxel x+2i; the vector one voxel further, s[x+2p+1 ...], gives the odd
-// voxels x+2i+1 the same way. No shuffles are needed in the inner loop: each
-// group keeps its sums as (even four, odd four) and the final step puts them
-// back in order.
-//
-// The odd last pair (second coefficient 0) needs only tap 2p: the even voxels
-// take it from a as before, and the odd ones from a's odd lanes with the block
-// shifted to (0, c0, 0, c0, ...). This keeps every load inside the row's source
-// neighbourhood (the vector one voxel further would read one voxel past it).
-//
-// kFullPairs is the number of full pairs per kernel row when it is known at
-// compile time (the short rows of the usual kernels), -1 when it is read from
-// the job; kOddTap says whether each row ends with a half pair.
 // acc += x. The empty asm keeps the compiler from regrouping a pass's sums
 // (it would form all products first and spill them: i386 has eight vector
 // registers); the sums are integers, so any grouping gives the same values and
@@ -183,15 +162,44 @@ OWN_LANE void ownAccumulate(OwnI4& acc, OwnI4 x) {
     __asm__("" : "+x"(acc.v));
 }
 
+// Sums of the groups of eight voxels x .. x + 8 * kGroups - 1 of one
+// destination row, kept in registers over the whole kernel (plane by plane,
+// row by row) and finished into the destination: each source vector is loaded
+// once per pass, and no partial sum goes through memory.
+//
+// Pair p of a kernel row holds taps 2p and 2p+1. The 16-bit lanes of the
+// source vector a = s[x+2p .. x+2p+7] pair up as (s[x+2p+2i], s[x+2p+2i+1]),
+// so ownMulAddPairs with the pair block (c0, c1, c0, c1, ...) gives
+// c0 * s[x+2p+2i] + c1 * s[x+2p+2i+1], the contribution of both taps to the
+// even voxel x+2i; the vector one voxel further, s[x+2p+1 ...], gives the odd
+// voxels x+2i+1 the same way. No shuffles are needed in the loop: each group
+// keeps its sums as (even four, odd four) and the final step puts them back in
+// order.
+//
+// The odd last pair (second coefficient 0) needs only tap 2p: the even voxels
+// take it from a as before, and the odd ones from a's odd lanes with the block
+// shifted to (0, c0, 0, c0, ...). This keeps every load inside the row's source
+// neighbourhood (the vector one voxel further would read one voxel past it).
+//
+// Exactness: every product fits in 31 bits and each multiply-add sums two of
+// them within +-2 * 32767 * 32768 < 2^31 (coefficients in [-32767, 32766],
+// voxels in [-32768, 32767]), so it is exact. The sums then add in 32-bit
+// wrapping arithmetic, which is associative and commutative, so adding them in
+// registers in this order gives the bits of the scalar rule's tap-by-tap sum,
+// wrapped sums beyond the int32 range included.
+//
+// kFullPairs is the number of full pairs per kernel row when it is known at
+// compile time (the short rows of the usual kernels), -1 when it is read from
+// the job; kOddTap says whether each row ends with a half pair.
 template <int kFullPairs, bool kOddTap, int kGroups>
 OWN_KERNEL inline void ownFilterGroupsPacked(const FilterJob& job, const OwnW8* pPacked, int y, int z, int x,
                                              std::int16_t* pDst) {
-    static_assert(kGroups == 1 || kGroups == 2, "one or two groups of eight");
+    static_assert(kGroups == 1 || kGroups == 2 || kGroups == 4, "one, two or four groups of eight");
     const int fullPairs = kFullPairs >= 0 ? kFullPairs : job.kw / 2;
     const int pairs = fullPairs + (kOddTap ? 1 : 0);
     const int kh = job.kh, kd = job.kd;
     const std::ptrdiff_t step = job.srcStep;
-    OwnI4 even0(0), odd0(0), even1(0), odd1(0);
+    OwnI4 even0(0), odd0(0), even1(0), odd1(0), even2(0), odd2(0), even3(0), odd3(0);
     const OwnW8* coef = pPacked;
     for (int k = 0; k < kd; ++k) {
         const std::int16_t* s = ownSrcRow(job, y, z, 0, k) + x;
@@ -200,9 +208,15 @@ OWN_KERNEL inline void ownFilterGroupsPacked(const FilterJob& job, const OwnW8* 
                 const OwnW8 c = coef[p];
                 ownAccumulate(even0, ownMulAddPairs(ownLoadU(s + 2 * p), c));
                 ownAccumulate(odd0, ownMulAddPairs(ownLoadU(s + 2 * p + 1), c));
-                if (kGroups == 2) {
+                if (kGroups >= 2) {
                     ownAccumulate(even1, ownMulAddPairs(ownLoadU(s + 8 + 2 * p), c));
                     ownAccumulate(odd1, ownMulAddPairs(ownLoadU(s + 8 + 2 * p + 1), c));
+                }
+                if (kGroups == 4) {
+                    ownAccumulate(even2, ownMulAddPairs(ownLoadU(s + 16 + 2 * p), c));
+                    ownAccumulate(odd2, ownMulAddPairs(ownLoadU(s + 16 + 2 * p + 1), c));
+                    ownAccumulate(even3, ownMulAddPairs(ownLoadU(s + 24 + 2 * p), c));
+                    ownAccumulate(odd3, ownMulAddPairs(ownLoadU(s + 24 + 2 * p + 1), c));
                 }
             }
             if (kOddTap) {
@@ -211,29 +225,47 @@ OWN_KERNEL inline void ownFilterGroupsPacked(const FilterJob& job, const OwnW8* 
                 const OwnW8 a0 = ownLoadU(s + 2 * fullPairs);
                 ownAccumulate(even0, ownMulAddPairs(a0, c));
                 ownAccumulate(odd0, ownMulAddPairs(a0, cs));
-                if (kGroups == 2) {
+                if (kGroups >= 2) {
                     const OwnW8 a1 = ownLoadU(s + 8 + 2 * fullPairs);
                     ownAccumulate(even1, ownMulAddPairs(a1, c));
                     ownAccumulate(odd1, ownMulAddPairs(a1, cs));
+                }
+                if (kGroups == 4) {
+                    const OwnW8 a2 = ownLoadU(s + 16 + 2 * fullPairs);
+                    ownAccumulate(even2, ownMulAddPairs(a2, c));
+                    ownAccumulate(odd2, ownMulAddPairs(a2, cs));
+                    const OwnW8 a3 = ownLoadU(s + 24 + 2 * fullPairs);
+                    ownAccumulate(even3, ownMulAddPairs(a3, c));
+                    ownAccumulate(odd3, ownMulAddPairs(a3, cs));
                 }
             }
         }
     }
     const OwnF4 scale(job.scale);
     ownFinish8(ownToFloat(ownInterleaveLo(even0, odd0)), ownToFloat(ownInterleaveHi(even0, odd0)), scale, pDst + x);
-    if (kGroups == 2)
+    if (kGroups >= 2)
         ownFinish8(ownToFloat(ownInterleaveLo(even1, odd1)), ownToFloat(ownInterleaveHi(even1, odd1)), scale,
                    pDst + x + 8);
+    if (kGroups == 4) {
+        ownFinish8(ownToFloat(ownInterleaveLo(even2, odd2)), ownToFloat(ownInterleaveHi(even2, odd2)), scale,
+                   pDst + x + 16);
+        ownFinish8(ownToFloat(ownInterleaveLo(even3, odd3)), ownToFloat(ownInterleaveHi(even3, odd3)), scale,
+                   pDst + x + 24);
+    }
 }
 
-// One destination row: sixteen voxels per pass while they last, then eight,
-// then the scalar rule for the voxels after the last group of eight. Integer
-// sums do not depend on the order of the terms (the 32-bit sums wrap alike in
-// any order), so every split gives the same values.
+// One destination row: 32 voxels per pass while they last (x86-64 only: the
+// eight sums of four groups plus the loaded vectors need more than i386's
+// eight vector registers), then 16, then 8, then the scalar rule for the
+// voxels after the last group of eight. The sums are the same integers whatever
+// the split, so the width of a pass never changes a value.
 template <int kFullPairs, bool kOddTap>
 void ownFilterRowPackedT(const FilterJob& job, const OwnW8* pPacked, int y, int z) {
     std::int16_t* dst = job.pDst[z] + static_cast<std::ptrdiff_t>(y) * job.dstStep;
     int x = 0;
+#if defined(__x86_64__)
+    for (; x + 32 <= job.width; x += 32) ownFilterGroupsPacked<kFullPairs, kOddTap, 4>(job, pPacked, y, z, x, dst);
+#endif
     for (; x + 16 <= job.width; x += 16) ownFilterGroupsPacked<kFullPairs, kOddTap, 2>(job, pPacked, y, z, x, dst);
     if (x + 8 <= job.width) {
         ownFilterGroupsPacked<kFullPairs, kOddTap, 1>(job, pPacked, y, z, x, dst);
@@ -244,7 +276,7 @@ void ownFilterRowPackedT(const FilterJob& job, const OwnW8* pPacked, int y, int 
                                 job.scale);
 }
 
-void ownFilterRowPacked(const FilterJob& job, const OwnW8* pPacked, std::int32_t*, int y, int z) {
+void ownFilterRowPacked(const FilterJob& job, const OwnW8* pPacked, int y, int z) {
     switch (job.kw) {
         case 1: return ownFilterRowPackedT<0, true>(job, pPacked, y, z);
         case 2: return ownFilterRowPackedT<1, false>(job, pPacked, y, z);
@@ -322,17 +354,17 @@ void ownFilterRowWide(const FilterJob& job, const OwnD2* pWide, int y, int z) {
 }
 
 // ---------------------------------------------------------------------------
-// Driver. Each thread's share of the buffer holds its own accumulator row and
-// its own copy of the packed kernel: no thread writes what another reads.
+// Driver. Each thread's share of the buffer holds its own copy of the packed
+// kernel: no thread writes what another reads.
 struct FilterShare {
-    std::int32_t* pAcc;
     void* pKernel;
 };
 
 FilterShare ownPrepareShare(const FilterJob& job, int share) {
     std::uint8_t* base = ownAlignUp16(job.pBuffer + static_cast<std::size_t>(share) * job.shareBytes);
     FilterShare s;
-    s.pAcc = reinterpret_cast<std::int32_t*>(base);
+    // The kernel follows the accumulator-row part of the share, which the
+    // size formula keeps although the sums now stay in registers.
     s.pKernel = base + 64 * ((static_cast<std::size_t>(job.width) + 15) / 16);
     if (job.packed)
         ownPackKernel16(job, static_cast<OwnW8*>(s.pKernel));
@@ -345,7 +377,7 @@ FilterShare ownPrepareShare(const FilterJob& job, int share) {
 inline void ownFilterRow(const FilterJob& job, const FilterShare& s, std::int64_t r) {
     const int y = static_cast<int>(r % job.height), z = static_cast<int>(r / job.height);
     if (job.packed)
-        ownFilterRowPacked(job, static_cast<const OwnW8*>(s.pKernel), s.pAcc, y, z);
+        ownFilterRowPacked(job, static_cast<const OwnW8*>(s.pKernel), y, z);
     else
         ownFilterRowWide(job, static_cast<const OwnD2*>(s.pKernel), y, z);
 }
