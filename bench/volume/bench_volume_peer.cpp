@@ -6,7 +6,10 @@
 // Once per row the two outputs are compared on interior voxels (mean absolute
 // difference) so that a row cannot silently time different work.
 //
-//   bench_volume_peer [rounds] [row-substring]
+//   bench_volume_peer [--wall] [rounds] [row-substring]
+//
+// One-thread rows are timed in the calling thread's CPU time (--wall: in wall
+// time), two-thread rows in wall time.
 //
 // Prints one line per row and thread count:
 //   row|threads|lib Mvox/s|cv Mvox/s|ratio|opencv mode|check
@@ -31,6 +34,8 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <time.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -47,8 +52,23 @@
 
 namespace {
 
-double now() {
+double wallNow() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+double processCpuNow() {
+    timespec t;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return t.tv_sec + 1e-9 * t.tv_nsec;
+}
+
+// The calling thread's CPU time: on a shared machine far steadier than wall
+// time, and the whole cost of a call that runs on one thread (both sides do
+// at one thread: OpenMP and cv::parallel_for_ then run in the caller).
+double cpuNow() {
+    timespec t;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return t.tv_sec + 1e-9 * t.tv_nsec;
 }
 
 // A vekMalloc'd (16-byte aligned) buffer seen as a cv::Mat with the same step.
@@ -93,6 +113,7 @@ double meanAbsDiff(const cv::Mat& a, const cv::Mat& b, int lo, int hi) {
 struct Options {
     int rounds = 5;
     std::string only;
+    bool wallAlways = false;  // --wall: wall time at one thread too
 };
 
 int failures = 0;
@@ -114,6 +135,7 @@ void runRow(const Row& r, const Options& o) {
     for (int threads : {1, 2}) {
         vekSetNumThreads(threads);
         cv::setNumThreads(threads);
+        double (*now)() = threads == 1 && !o.wallAlways ? cpuNow : wallNow;
         // Warm-up: every contender once, then the OpenCV variants timed twice
         // each, the fastest kept.
         r.lib();
@@ -130,10 +152,18 @@ void runRow(const Row& r, const Options& o) {
             }
         }
         // Both contenders write their outputs once more, OpenCV in the
-        // chosen mode, and the outputs are compared.
+        // chosen mode, and the outputs are compared. At one thread, the
+        // process's CPU time shows whether the work stayed on the calling
+        // thread (else the thread's CPU time would undercount it).
+        const double p0 = processCpuNow(), c0 = cpuNow();
         r.lib();
+        const double p1 = processCpuNow(), c1 = cpuNow();
         r.cv[pick].second();
+        const double p2 = processCpuNow(), c2 = cpuNow();
         mad = r.check();
+        if (threads == 1 && ((p1 - p0) > 1.2 * (c1 - c0) + 1e-3 || (p2 - p1) > 1.2 * (c2 - c1) + 1e-3))
+            std::fprintf(stderr, "%s: work left the calling thread at 1 thread (process %.4f / %.4f s, thread %.4f / %.4f s)\n",
+                         r.name.c_str(), p1 - p0, p2 - p1, c1 - c0, c2 - c1);
         double tl = 1e300, tc = 1e300;
         for (int i = 0; i < o.rounds; ++i) {
             double t0 = now();
@@ -533,12 +563,15 @@ void filterRow(const Options& o, int k) {
 
 int main(int argc, char** argv) {
     Options o;
-    if (argc > 1) o.rounds = std::max(1, std::atoi(argv[1]));
-    if (argc > 2) o.only = argv[2];
+    int arg = 1;
+    if (arg < argc && std::strcmp(argv[arg], "--wall") == 0) o.wallAlways = true, ++arg;
+    if (arg < argc) o.rounds = std::max(1, std::atoi(argv[arg++]));
+    if (arg < argc) o.only = argv[arg++];
     int saved = 1;
     vekGetNumThreads(&saved);
     std::printf("# %s, OpenCV %s, %d rounds, %s\n", sizeof(void*) == 8 ? "x86-64" : "i386", CV_VERSION, o.rounds,
                 cv::checkHardwareSupport(CV_CPU_AVX2) ? "AVX2 enabled" : "AVX2 disabled");
+    std::printf("# 1 thread: %s time; 2 threads: wall time\n", o.wallAlways ? "wall" : "calling thread's CPU");
     std::printf("# row|threads|vekr Mvox/s|OpenCV Mvox/s|ratio vekr/OpenCV|OpenCV mode|check\n");
     planeRows<float>(o, "32f");
     planeRows<std::uint8_t>(o, "8u");

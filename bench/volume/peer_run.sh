@@ -4,6 +4,8 @@
 # with OpenCV's default dispatch and once with OpenCV held to SSE
 # (OPENCV_CPU_DISABLE, read when OpenCV starts), printing one markdown table.
 #   bench/volume/peer_run.sh [rounds] [row-substring] [build dir]
+# One-thread rows are timed in the calling thread's CPU time, two-thread rows
+# in wall time (see bench_volume_peer.cpp); the load average is printed.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
@@ -14,16 +16,18 @@ cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DVEKR_BUILD_BENCH=ON -D
   -DVEKR_BUILD_TESTS=OFF -DVEKR_BUILD_EXAMPLES=OFF -DVEKR_BUILD_DOCS=OFF -DVEKR_BUILD_PYTHON=OFF \
   -DVEKR_SANITIZE=OFF -DVEKR_WERROR=ON >/dev/null
 cmake --build "$build" --target bench_volume_peer -j"$(nproc)" >/dev/null
+args=("$rounds")
+[ -z "$only" ] || args+=("$only")
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 status=0
 echo "load before: $(uptime)"
-"$build/bin/bench_volume_peer" "$rounds" $only > "$out/default.txt" || status=1
+"$build/bin/bench_volume_peer" "${args[@]}" > "$out/default.txt" || status=1
 OPENCV_CPU_DISABLE=AVX512-SKX,AVX2,FMA3,AVX,FP16 \
-  "$build/bin/bench_volume_peer" "$rounds" $only > "$out/sse.txt" || status=1
+  "$build/bin/bench_volume_peer" "${args[@]}" > "$out/sse.txt" || status=1
 echo "load after: $(uptime)"
 echo
-grep '^#' "$out/default.txt" | head -1
+grep '^#' "$out/default.txt" | head -2
 grep '^#' "$out/sse.txt" | head -1
 echo
 awk -F'|' '
