@@ -162,6 +162,28 @@ OWN_LANE void ownAccumulate(OwnI4& acc, OwnI4 x) {
     __asm__("" : "+x"(acc.v));
 }
 
+// Taps 2p and 2p+1 of a kernel row for the eight voxels whose source starts at
+// s = row + x + 2p: pair sums of the even voxels from s, of the odd ones from
+// s + 1.
+OWN_LANE void ownAddPair(OwnI4& even, OwnI4& odd, const std::int16_t* s, OwnW8 c) {
+    ownAccumulate(even, ownMulAddPairs(ownLoadU(s), c));
+    ownAccumulate(odd, ownMulAddPairs(ownLoadU(s + 1), c));
+}
+
+// The last tap of an odd row: c = (c0, 0, c0, 0, ...) takes the even lanes of
+// one vector for the even voxels, cs = (0, c0, 0, c0, ...) its odd lanes for
+// the odd voxels.
+OWN_LANE void ownAddLastTap(OwnI4& even, OwnI4& odd, const std::int16_t* s, OwnW8 c, OwnW8 cs) {
+    const OwnW8 a = ownLoadU(s);
+    ownAccumulate(even, ownMulAddPairs(a, c));
+    ownAccumulate(odd, ownMulAddPairs(a, cs));
+}
+
+// Eight sums kept as (even four, odd four), back in order and finished.
+OWN_LANE void ownFinishGroup(OwnI4 even, OwnI4 odd, OwnF4 scale, std::int16_t* pDst) {
+    ownFinish8(ownToFloat(ownInterleaveLo(even, odd)), ownToFloat(ownInterleaveHi(even, odd)), scale, pDst);
+}
+
 // Sums of the groups of eight voxels x .. x + 8 * kGroups - 1 of one
 // destination row, kept in registers over the whole kernel (plane by plane,
 // row by row) and finished into the destination: each source vector is loaded
@@ -206,52 +228,26 @@ OWN_KERNEL inline void ownFilterGroupsPacked(const FilterJob& job, const OwnW8* 
         for (int j = 0; j < kh; ++j, s += step, coef += pairs) {
             for (int p = 0; p < fullPairs; ++p) {
                 const OwnW8 c = coef[p];
-                ownAccumulate(even0, ownMulAddPairs(ownLoadU(s + 2 * p), c));
-                ownAccumulate(odd0, ownMulAddPairs(ownLoadU(s + 2 * p + 1), c));
-                if (kGroups >= 2) {
-                    ownAccumulate(even1, ownMulAddPairs(ownLoadU(s + 8 + 2 * p), c));
-                    ownAccumulate(odd1, ownMulAddPairs(ownLoadU(s + 8 + 2 * p + 1), c));
-                }
-                if (kGroups == 4) {
-                    ownAccumulate(even2, ownMulAddPairs(ownLoadU(s + 16 + 2 * p), c));
-                    ownAccumulate(odd2, ownMulAddPairs(ownLoadU(s + 16 + 2 * p + 1), c));
-                    ownAccumulate(even3, ownMulAddPairs(ownLoadU(s + 24 + 2 * p), c));
-                    ownAccumulate(odd3, ownMulAddPairs(ownLoadU(s + 24 + 2 * p + 1), c));
-                }
+                ownAddPair(even0, odd0, s + 2 * p, c);
+                if (kGroups >= 2) ownAddPair(even1, odd1, s + 8 + 2 * p, c);
+                if (kGroups == 4) ownAddPair(even2, odd2, s + 16 + 2 * p, c);
+                if (kGroups == 4) ownAddPair(even3, odd3, s + 24 + 2 * p, c);
             }
             if (kOddTap) {
                 const OwnW8 c = coef[fullPairs];
                 const OwnW8 cs = ownPairShiftUp(c);
-                const OwnW8 a0 = ownLoadU(s + 2 * fullPairs);
-                ownAccumulate(even0, ownMulAddPairs(a0, c));
-                ownAccumulate(odd0, ownMulAddPairs(a0, cs));
-                if (kGroups >= 2) {
-                    const OwnW8 a1 = ownLoadU(s + 8 + 2 * fullPairs);
-                    ownAccumulate(even1, ownMulAddPairs(a1, c));
-                    ownAccumulate(odd1, ownMulAddPairs(a1, cs));
-                }
-                if (kGroups == 4) {
-                    const OwnW8 a2 = ownLoadU(s + 16 + 2 * fullPairs);
-                    ownAccumulate(even2, ownMulAddPairs(a2, c));
-                    ownAccumulate(odd2, ownMulAddPairs(a2, cs));
-                    const OwnW8 a3 = ownLoadU(s + 24 + 2 * fullPairs);
-                    ownAccumulate(even3, ownMulAddPairs(a3, c));
-                    ownAccumulate(odd3, ownMulAddPairs(a3, cs));
-                }
+                ownAddLastTap(even0, odd0, s + 2 * fullPairs, c, cs);
+                if (kGroups >= 2) ownAddLastTap(even1, odd1, s + 8 + 2 * fullPairs, c, cs);
+                if (kGroups == 4) ownAddLastTap(even2, odd2, s + 16 + 2 * fullPairs, c, cs);
+                if (kGroups == 4) ownAddLastTap(even3, odd3, s + 24 + 2 * fullPairs, c, cs);
             }
         }
     }
     const OwnF4 scale(job.scale);
-    ownFinish8(ownToFloat(ownInterleaveLo(even0, odd0)), ownToFloat(ownInterleaveHi(even0, odd0)), scale, pDst + x);
-    if (kGroups >= 2)
-        ownFinish8(ownToFloat(ownInterleaveLo(even1, odd1)), ownToFloat(ownInterleaveHi(even1, odd1)), scale,
-                   pDst + x + 8);
-    if (kGroups == 4) {
-        ownFinish8(ownToFloat(ownInterleaveLo(even2, odd2)), ownToFloat(ownInterleaveHi(even2, odd2)), scale,
-                   pDst + x + 16);
-        ownFinish8(ownToFloat(ownInterleaveLo(even3, odd3)), ownToFloat(ownInterleaveHi(even3, odd3)), scale,
-                   pDst + x + 24);
-    }
+    ownFinishGroup(even0, odd0, scale, pDst + x);
+    if (kGroups >= 2) ownFinishGroup(even1, odd1, scale, pDst + x + 8);
+    if (kGroups == 4) ownFinishGroup(even2, odd2, scale, pDst + x + 16);
+    if (kGroups == 4) ownFinishGroup(even3, odd3, scale, pDst + x + 24);
 }
 
 // One destination row: 32 voxels per pass while they last (x86-64 only: the
