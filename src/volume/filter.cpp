@@ -216,7 +216,7 @@ OWN_LANE void ownFinishGroup(OwnI4 even, OwnI4 odd, OwnF4 scale, std::int16_t* p
 template <int kFullPairs, bool kOddTap, int kGroups>
 OWN_KERNEL inline void ownFilterGroupsPacked(const FilterJob& job, const OwnW8* pPacked, int y, int z, int x,
                                              std::int16_t* pDst) {
-    static_assert(kGroups == 1 || kGroups == 2 || kGroups == 4, "one, two or four groups of eight");
+    static_assert(kGroups >= 1 && kGroups <= 4, "one to four groups of eight");
     const int fullPairs = kFullPairs >= 0 ? kFullPairs : job.kw / 2;
     const int pairs = fullPairs + (kOddTap ? 1 : 0);
     const int kh = job.kh, kd = job.kd;
@@ -230,7 +230,7 @@ OWN_KERNEL inline void ownFilterGroupsPacked(const FilterJob& job, const OwnW8* 
                 const OwnW8 c = coef[p];
                 ownAddPair(even0, odd0, s + 2 * p, c);
                 if (kGroups >= 2) ownAddPair(even1, odd1, s + 8 + 2 * p, c);
-                if (kGroups == 4) ownAddPair(even2, odd2, s + 16 + 2 * p, c);
+                if (kGroups >= 3) ownAddPair(even2, odd2, s + 16 + 2 * p, c);
                 if (kGroups == 4) ownAddPair(even3, odd3, s + 24 + 2 * p, c);
             }
             if (kOddTap) {
@@ -238,7 +238,7 @@ OWN_KERNEL inline void ownFilterGroupsPacked(const FilterJob& job, const OwnW8* 
                 const OwnW8 cs = ownPairShiftUp(c);
                 ownAddLastTap(even0, odd0, s + 2 * fullPairs, c, cs);
                 if (kGroups >= 2) ownAddLastTap(even1, odd1, s + 8 + 2 * fullPairs, c, cs);
-                if (kGroups == 4) ownAddLastTap(even2, odd2, s + 16 + 2 * fullPairs, c, cs);
+                if (kGroups >= 3) ownAddLastTap(even2, odd2, s + 16 + 2 * fullPairs, c, cs);
                 if (kGroups == 4) ownAddLastTap(even3, odd3, s + 24 + 2 * fullPairs, c, cs);
             }
         }
@@ -246,21 +246,24 @@ OWN_KERNEL inline void ownFilterGroupsPacked(const FilterJob& job, const OwnW8* 
     const OwnF4 scale(job.scale);
     ownFinishGroup(even0, odd0, scale, pDst + x);
     if (kGroups >= 2) ownFinishGroup(even1, odd1, scale, pDst + x + 8);
-    if (kGroups == 4) ownFinishGroup(even2, odd2, scale, pDst + x + 16);
+    if (kGroups >= 3) ownFinishGroup(even2, odd2, scale, pDst + x + 16);
     if (kGroups == 4) ownFinishGroup(even3, odd3, scale, pDst + x + 24);
 }
 
-// One destination row: 32 voxels per pass while they last (x86-64 only: the
-// eight sums of four groups plus the loaded vectors need more than i386's
-// eight vector registers), then 16, then 8, then the scalar rule for the
-// voxels after the last group of eight. The sums are the same integers whatever
-// the split, so the width of a pass never changes a value.
+// One destination row: passes of four groups (32 voxels) on x86-64 and of
+// three on i386 while they last, as many as the vector registers hold with
+// the loaded vectors (16 and 8 registers), then 16 voxels, then 8, then the
+// scalar rule for the voxels after the last group of eight. The sums are the
+// same integers whatever the split, so the width of a pass never changes a
+// value.
 template <int kFullPairs, bool kOddTap>
 void ownFilterRowPackedT(const FilterJob& job, const OwnW8* pPacked, int y, int z) {
     std::int16_t* dst = job.pDst[z] + static_cast<std::ptrdiff_t>(y) * job.dstStep;
     int x = 0;
 #if defined(__x86_64__)
     for (; x + 32 <= job.width; x += 32) ownFilterGroupsPacked<kFullPairs, kOddTap, 4>(job, pPacked, y, z, x, dst);
+#else
+    for (; x + 24 <= job.width; x += 24) ownFilterGroupsPacked<kFullPairs, kOddTap, 3>(job, pPacked, y, z, x, dst);
 #endif
     for (; x + 16 <= job.width; x += 16) ownFilterGroupsPacked<kFullPairs, kOddTap, 2>(job, pPacked, y, z, x, dst);
     if (x + 8 <= job.width) {

@@ -280,13 +280,14 @@ TEST(Filter, BothPathsMatchTheIntegerReference) {
 TEST(Filter, PackedSumsWrapModulo2To32AtEveryPassWidth) {
     // Coefficients at the packing limits over voxels at the int16 limits:
     // many sums leave the int32 range, and the packed path keeps them modulo
-    // 2^32 whichever taps it pairs and in whatever order it adds them. Width
-    // 61 = 32 + 16 + 8 + 5 and width 13 = 8 + 5 put voxels in passes of every
-    // width and in the scalar tail; kernel widths 1 to 9 take rows of zero to
-    // four full pairs, with and without a last unpaired tap.
+    // 2^32 whichever taps it pairs and in whatever order it adds them. Widths
+    // 61, 45 and 13 put voxels in passes of every width (32, 16 and 8 voxels on
+    // x86-64; 24, 16 and 8 on i386) and in the scalar tail; kernel widths 1 to
+    // 9 take rows of zero to four full pairs, with and without a last unpaired
+    // tap.
     vt::Rng rng(23);
     for (int kw = 1; kw <= 9; ++kw) {
-        for (VekrVolume dv : {VekrVolume{61, 3, 2}, VekrVolume{13, 2, 3}}) {
+        for (VekrVolume dv : {VekrVolume{61, 3, 2}, VekrVolume{45, 2, 2}, VekrVolume{13, 2, 3}}) {
             const VekrVolume kv{kw, 2, 3};
             const VekrPoint3D a{kw / 2, 1, 1};
             SrcVolume src(dv, kv, a);
