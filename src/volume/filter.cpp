@@ -1,5 +1,5 @@
 // 3-D convolution of 16-bit signed volumes with an integer kernel and divisor:
-// a packed path (16-bit coefficient pairs, pair multiply-adds into 32-bit rows)
+// a packed path (16-bit coefficient pairs, pair multiply-adds into 32-bit sums)
 // and a wide path (double accumulation) for kernels that do not fit in 16 bits.
 #include <omp.h>
 
@@ -22,7 +22,7 @@ namespace {
 constexpr std::int32_t kPackMin = -32767;
 constexpr std::int32_t kPackMax = 32766;
 
-// Bytes of one thread's share of the work buffer: the accumulator row (width
+// Bytes of one thread's share of the work buffer: room for an accumulator row (width
 // rounded up to 16 voxels, 4 bytes each), 32 bytes per coefficient pair of the
 // kernel and 32 bytes of slack (used to align the share to 16 bytes). The
 // formula is one of unsigned 32-bit arithmetic; ownFilterBufSize forms it in
@@ -134,7 +134,7 @@ void ownPackKernel16(const FilterJob& job, OwnW8* pPacked) {
 }
 
 // Scalar rule for one voxel: the sum of products in 32-bit arithmetic. A sum
-// beyond the int32 range wraps, as the 32-bit accumulator rows do (unsigned
+// beyond the int32 range wraps, as the 32-bit vector sums do (unsigned
 // arithmetic keeps the wrap defined).
 std::uint32_t ownSumPacked(const FilterJob& job, const OwnW8* pPacked, int x, int y, int z) {
     const int pairs = ownPairsPerRow(job.kw);
@@ -153,69 +153,141 @@ std::uint32_t ownSumPacked(const FilterJob& job, const OwnW8* pPacked, int x, in
     return sum;
 }
 
-// One destination row. For each kernel row, a pass adds that row's products
-// into the accumulator row, eight voxels at a time. The 16-bit lanes of the
+// acc += x. The empty asm keeps the compiler from regrouping a pass's sums
+// (it would form all products first and spill them: i386 has eight vector
+// registers); the sums are integers, so any grouping gives the same values and
+// only the register use changes.
+OWN_LANE void ownAccumulate(OwnI4& acc, OwnI4 x) {
+    acc = acc + x;
+    __asm__("" : "+x"(acc.v));
+}
+
+// Taps 2p and 2p+1 of a kernel row for the eight voxels whose source starts at
+// s = row + x + 2p: pair sums of the even voxels from s, of the odd ones from
+// s + 1.
+OWN_LANE void ownAddPair(OwnI4& even, OwnI4& odd, const std::int16_t* s, OwnW8 c) {
+    ownAccumulate(even, ownMulAddPairs(ownLoadU(s), c));
+    ownAccumulate(odd, ownMulAddPairs(ownLoadU(s + 1), c));
+}
+
+// The last tap of an odd row: c = (c0, 0, c0, 0, ...) takes the even lanes of
+// one vector for the even voxels, cs = (0, c0, 0, c0, ...) its odd lanes for
+// the odd voxels.
+OWN_LANE void ownAddLastTap(OwnI4& even, OwnI4& odd, const std::int16_t* s, OwnW8 c, OwnW8 cs) {
+    const OwnW8 a = ownLoadU(s);
+    ownAccumulate(even, ownMulAddPairs(a, c));
+    ownAccumulate(odd, ownMulAddPairs(a, cs));
+}
+
+// Eight sums kept as (even four, odd four), back in order and finished.
+OWN_LANE void ownFinishGroup(OwnI4 even, OwnI4 odd, OwnF4 scale, std::int16_t* pDst) {
+    ownFinish8(ownToFloat(ownInterleaveLo(even, odd)), ownToFloat(ownInterleaveHi(even, odd)), scale, pDst);
+}
+
+// Sums of the groups of eight voxels x .. x + 8 * kGroups - 1 of one
+// destination row, kept in registers over the whole kernel (plane by plane,
+// row by row) and finished into the destination: each source vector is loaded
+// once per pass, and no partial sum goes through memory.
+//
+// Pair p of a kernel row holds taps 2p and 2p+1. The 16-bit lanes of the
 // source vector a = s[x+2p .. x+2p+7] pair up as (s[x+2p+2i], s[x+2p+2i+1]),
 // so ownMulAddPairs with the pair block (c0, c1, c0, c1, ...) gives
-// c0 * s[x+2p+2i] + c1 * s[x+2p+2i+1], the contribution of taps 2p and 2p+1 to
-// the even voxels x+2i; the vector one voxel further, s[x+2p+1 ...], gives the
-// odd voxels x+2i+1 the same way. No shuffles are needed in the inner loop:
-// each group of eight keeps its sums as (even four, odd four) in the
-// accumulator row, and the final step puts them back in order.
+// c0 * s[x+2p+2i] + c1 * s[x+2p+2i+1], the contribution of both taps to the
+// even voxel x+2i; the vector one voxel further, s[x+2p+1 ...], gives the odd
+// voxels x+2i+1 the same way. No shuffles are needed in the loop: each group
+// keeps its sums as (even four, odd four) and the final step puts them back in
+// order.
 //
 // The odd last pair (second coefficient 0) needs only tap 2p: the even voxels
 // take it from a as before, and the odd ones from a's odd lanes with the block
 // shifted to (0, c0, 0, c0, ...). This keeps every load inside the row's source
 // neighbourhood (the vector one voxel further would read one voxel past it).
 //
-// The voxels after the last full group of eight take the scalar rule; integer
-// sums do not depend on the order of the terms, so both give the same values.
-void ownFilterRowPacked(const FilterJob& job, const OwnW8* pPacked, std::int32_t* pAcc, int y, int z) {
-    const int w8 = job.width & ~7;
-    const int pairs = ownPairsPerRow(job.kw);
-    const int fullPairs = job.kw / 2;
-    const OwnI4 zero(0);
-    for (int x = 0; x < w8; x += 8) {
-        ownStoreA(pAcc + x, zero);
-        ownStoreA(pAcc + x + 4, zero);
-    }
-    for (int k = 0; k < job.kd; ++k) {
-        for (int j = 0; j < job.kh; ++j) {
-            const std::int16_t* row = ownSrcRow(job, y, z, j, k);
-            const OwnW8* coef = pPacked + (k * job.kh + j) * pairs;
-            for (int x = 0; x < w8; x += 8) {
-                const std::int16_t* s = row + x;
-                OwnI4 even = ownLoadA(pAcc + x);
-                OwnI4 odd = ownLoadA(pAcc + x + 4);
-                int p = 0;
-                for (; p < fullPairs; ++p) {
-                    const OwnW8 a = ownLoadU(s + 2 * p);
-                    const OwnW8 b = ownLoadU(s + 2 * p + 1);
-                    const OwnW8 c = coef[p];
-                    even = even + ownMulAddPairs(a, c);
-                    odd = odd + ownMulAddPairs(b, c);
-                }
-                if (p < pairs) {
-                    const OwnW8 a = ownLoadU(s + 2 * p);
-                    const OwnW8 c = coef[p];
-                    even = even + ownMulAddPairs(a, c);
-                    odd = odd + ownMulAddPairs(a, ownPairShiftUp(c));
-                }
-                ownStoreA(pAcc + x, even);
-                ownStoreA(pAcc + x + 4, odd);
+// Exactness: every product fits in 31 bits and each multiply-add sums two of
+// them within +-2 * 32767 * 32768 < 2^31 (coefficients in [-32767, 32766],
+// voxels in [-32768, 32767]), so it is exact. The sums then add in 32-bit
+// wrapping arithmetic, which is associative and commutative, so adding them in
+// registers in this order gives the bits of the scalar rule's tap-by-tap sum,
+// wrapped sums beyond the int32 range included.
+//
+// kFullPairs is the number of full pairs per kernel row when it is known at
+// compile time (the short rows of the usual kernels), -1 when it is read from
+// the job; kOddTap says whether each row ends with a half pair.
+template <int kFullPairs, bool kOddTap, int kGroups>
+OWN_KERNEL inline void ownFilterGroupsPacked(const FilterJob& job, const OwnW8* pPacked, int y, int z, int x,
+                                             std::int16_t* pDst) {
+    static_assert(kGroups >= 1 && kGroups <= 4, "one to four groups of eight");
+    const int fullPairs = kFullPairs >= 0 ? kFullPairs : job.kw / 2;
+    const int pairs = fullPairs + (kOddTap ? 1 : 0);
+    const int kh = job.kh, kd = job.kd;
+    const std::ptrdiff_t step = job.srcStep;
+    OwnI4 even0(0), odd0(0), even1(0), odd1(0), even2(0), odd2(0), even3(0), odd3(0);
+    const OwnW8* coef = pPacked;
+    for (int k = 0; k < kd; ++k) {
+        const std::int16_t* s = ownSrcRow(job, y, z, 0, k) + x;
+        for (int j = 0; j < kh; ++j, s += step, coef += pairs) {
+            for (int p = 0; p < fullPairs; ++p) {
+                const OwnW8 c = coef[p];
+                ownAddPair(even0, odd0, s + 2 * p, c);
+                if (kGroups >= 2) ownAddPair(even1, odd1, s + 8 + 2 * p, c);
+                if (kGroups >= 3) ownAddPair(even2, odd2, s + 16 + 2 * p, c);
+                if (kGroups == 4) ownAddPair(even3, odd3, s + 24 + 2 * p, c);
+            }
+            if (kOddTap) {
+                const OwnW8 c = coef[fullPairs];
+                const OwnW8 cs = ownPairShiftUp(c);
+                ownAddLastTap(even0, odd0, s + 2 * fullPairs, c, cs);
+                if (kGroups >= 2) ownAddLastTap(even1, odd1, s + 8 + 2 * fullPairs, c, cs);
+                if (kGroups >= 3) ownAddLastTap(even2, odd2, s + 16 + 2 * fullPairs, c, cs);
+                if (kGroups == 4) ownAddLastTap(even3, odd3, s + 24 + 2 * fullPairs, c, cs);
             }
         }
     }
-    for (int x = w8; x < job.width; ++x) pAcc[x] = static_cast<std::int32_t>(ownSumPacked(job, pPacked, x, y, z));
-
-    std::int16_t* dst = job.pDst[z] + static_cast<std::ptrdiff_t>(y) * job.dstStep;
     const OwnF4 scale(job.scale);
-    for (int x = 0; x < w8; x += 8) {
-        const OwnI4 even = ownLoadA(pAcc + x);
-        const OwnI4 odd = ownLoadA(pAcc + x + 4);
-        ownFinish8(ownToFloat(ownInterleaveLo(even, odd)), ownToFloat(ownInterleaveHi(even, odd)), scale, dst + x);
+    ownFinishGroup(even0, odd0, scale, pDst + x);
+    if (kGroups >= 2) ownFinishGroup(even1, odd1, scale, pDst + x + 8);
+    if (kGroups >= 3) ownFinishGroup(even2, odd2, scale, pDst + x + 16);
+    if (kGroups == 4) ownFinishGroup(even3, odd3, scale, pDst + x + 24);
+}
+
+// One destination row: passes of four groups (32 voxels) on x86-64 and of
+// three on i386 while they last, as many as the vector registers hold with
+// the loaded vectors (16 and 8 registers), then 16 voxels, then 8, then the
+// scalar rule for the voxels after the last group of eight. The sums are the
+// same integers whatever the split, so the width of a pass never changes a
+// value.
+template <int kFullPairs, bool kOddTap>
+void ownFilterRowPackedT(const FilterJob& job, const OwnW8* pPacked, int y, int z) {
+    std::int16_t* dst = job.pDst[z] + static_cast<std::ptrdiff_t>(y) * job.dstStep;
+    int x = 0;
+#if defined(__x86_64__)
+    for (; x + 32 <= job.width; x += 32) ownFilterGroupsPacked<kFullPairs, kOddTap, 4>(job, pPacked, y, z, x, dst);
+#else
+    for (; x + 24 <= job.width; x += 24) ownFilterGroupsPacked<kFullPairs, kOddTap, 3>(job, pPacked, y, z, x, dst);
+#endif
+    for (; x + 16 <= job.width; x += 16) ownFilterGroupsPacked<kFullPairs, kOddTap, 2>(job, pPacked, y, z, x, dst);
+    if (x + 8 <= job.width) {
+        ownFilterGroupsPacked<kFullPairs, kOddTap, 1>(job, pPacked, y, z, x, dst);
+        x += 8;
     }
-    for (int x = w8; x < job.width; ++x) dst[x] = ownFinishVoxel(static_cast<float>(pAcc[x]), job.scale);
+    for (; x < job.width; ++x)
+        dst[x] = ownFinishVoxel(static_cast<float>(static_cast<std::int32_t>(ownSumPacked(job, pPacked, x, y, z))),
+                                job.scale);
+}
+
+void ownFilterRowPacked(const FilterJob& job, const OwnW8* pPacked, int y, int z) {
+    switch (job.kw) {
+        case 1: return ownFilterRowPackedT<0, true>(job, pPacked, y, z);
+        case 2: return ownFilterRowPackedT<1, false>(job, pPacked, y, z);
+        case 3: return ownFilterRowPackedT<1, true>(job, pPacked, y, z);
+        case 4: return ownFilterRowPackedT<2, false>(job, pPacked, y, z);
+        case 5: return ownFilterRowPackedT<2, true>(job, pPacked, y, z);
+        case 6: return ownFilterRowPackedT<3, false>(job, pPacked, y, z);
+        case 7: return ownFilterRowPackedT<3, true>(job, pPacked, y, z);
+        default:
+            if (job.kw & 1) return ownFilterRowPackedT<-1, true>(job, pPacked, y, z);
+            return ownFilterRowPackedT<-1, false>(job, pPacked, y, z);
+    }
 }
 
 // ---------------------------------------------------------------------------
@@ -281,17 +353,17 @@ void ownFilterRowWide(const FilterJob& job, const OwnD2* pWide, int y, int z) {
 }
 
 // ---------------------------------------------------------------------------
-// Driver. Each thread's share of the buffer holds its own accumulator row and
-// its own copy of the packed kernel: no thread writes what another reads.
+// Driver. Each thread's share of the buffer holds its own copy of the packed
+// kernel: no thread writes what another reads.
 struct FilterShare {
-    std::int32_t* pAcc;
     void* pKernel;
 };
 
 FilterShare ownPrepareShare(const FilterJob& job, int share) {
     std::uint8_t* base = ownAlignUp16(job.pBuffer + static_cast<std::size_t>(share) * job.shareBytes);
     FilterShare s;
-    s.pAcc = reinterpret_cast<std::int32_t*>(base);
+    // The kernel follows the accumulator-row part of the share, which the
+    // size formula keeps although the sums now stay in registers.
     s.pKernel = base + 64 * ((static_cast<std::size_t>(job.width) + 15) / 16);
     if (job.packed)
         ownPackKernel16(job, static_cast<OwnW8*>(s.pKernel));
@@ -304,7 +376,7 @@ FilterShare ownPrepareShare(const FilterJob& job, int share) {
 inline void ownFilterRow(const FilterJob& job, const FilterShare& s, std::int64_t r) {
     const int y = static_cast<int>(r % job.height), z = static_cast<int>(r / job.height);
     if (job.packed)
-        ownFilterRowPacked(job, static_cast<const OwnW8*>(s.pKernel), s.pAcc, y, z);
+        ownFilterRowPacked(job, static_cast<const OwnW8*>(s.pKernel), y, z);
     else
         ownFilterRowWide(job, static_cast<const OwnD2*>(s.pKernel), y, z);
 }

@@ -47,6 +47,13 @@ public:
                 for (int x = -lo_[0]; x < w_ + hi_[0]; ++x)
                     at(x, y, z) = static_cast<std::int16_t>(lo + rng.below(hi - lo + 1));
     }
+    // Every stored voxel -32768 or 32767 at random.
+    void fillExtremes(vt::Rng& rng) {
+        fillRandom(rng, 0, 1);
+        for (int z = -lo_[2]; z < d_ + hi_[2]; ++z)
+            for (int y = -lo_[1]; y < h_ + hi_[1]; ++y)
+                for (int x = -lo_[0]; x < w_ + hi_[0]; ++x) at(x, y, z) = at(x, y, z) ? 32767 : -32768;
+    }
     const std::int16_t* const* planes() const { return ptrs_.data() + lo_[2]; }
     int stepBytes() const { return rowElems_ * 2; }
 
@@ -67,10 +74,12 @@ Vol<std::int16_t> dstVolume(VekrVolume v, int offsetElems = 0, int extraRow = 0)
 }
 
 // The convolution written out from its definition: an exact 64-bit sum over
-// the kernel in its stored order, then the float pipeline (sum as float, times
-// the float reciprocal of the divisor), rounded half to even and saturated.
+// the kernel in its stored order (with `wrap32`, reduced to the int32 of the
+// same value modulo 2^32, as 32-bit sums give it), then the float pipeline
+// (sum as float, times the float reciprocal of the divisor), rounded half to
+// even and saturated.
 std::vector<std::int16_t> reference(const SrcVolume& src, VekrVolume dst, const std::vector<std::int32_t>& kernel,
-                                    VekrVolume kv, VekrPoint3D a, int divisor) {
+                                    VekrVolume kv, VekrPoint3D a, int divisor, bool wrap32 = false) {
     std::vector<std::int16_t> out;
     const float scale = 1.0f / static_cast<float>(divisor);
     vv::forEachVoxel(dst.width, dst.height, dst.depth, [&](int x, int y, int z) {
@@ -79,6 +88,7 @@ std::vector<std::int16_t> reference(const SrcVolume& src, VekrVolume dst, const 
             sum += static_cast<std::int64_t>(kernel[(k * kv.height + j) * kv.width + i]) *
                    src.at(x + a.x - i, y + a.y - j, z + a.z - k);
         });
+        if (wrap32) sum = static_cast<std::int32_t>(static_cast<std::uint32_t>(sum));
         const float r = std::nearbyint(static_cast<float>(sum) * scale);
         out.push_back(static_cast<std::int16_t>(r > 32767.0f ? 32767.0f : r < -32768.0f ? -32768.0f : r));
     });
@@ -264,6 +274,32 @@ TEST(Filter, BothPathsMatchTheIntegerReference) {
         kernel[4] = big;
         for (int divisor : {1, 3 << 20, -(1 << 30), std::numeric_limits<int>::max()})
             EXPECT_TRUE(MatchesReference(src, dv, kernel, kv, a, divisor)) << big << " / " << divisor;
+    }
+}
+
+TEST(Filter, PackedSumsWrapModulo2To32AtEveryPassWidth) {
+    // Coefficients at the packing limits over voxels at the int16 limits:
+    // many sums leave the int32 range, and the packed path keeps them modulo
+    // 2^32 whichever taps it pairs and in whatever order it adds them. Widths
+    // 61, 45 and 13 put voxels in passes of every width (32, 16 and 8 voxels on
+    // x86-64; 24, 16 and 8 on i386) and in the scalar tail; kernel widths 1 to
+    // 9 take rows of zero to four full pairs, with and without a last unpaired
+    // tap.
+    vt::Rng rng(23);
+    for (int kw = 1; kw <= 9; ++kw) {
+        for (VekrVolume dv : {VekrVolume{61, 3, 2}, VekrVolume{45, 2, 2}, VekrVolume{13, 2, 3}}) {
+            const VekrVolume kv{kw, 2, 3};
+            const VekrPoint3D a{kw / 2, 1, 1};
+            SrcVolume src(dv, kv, a);
+            src.fillExtremes(rng);
+            std::vector<std::int32_t> kernel(static_cast<std::size_t>(kw) * 6);
+            for (auto& c : kernel) c = rng.below(2) ? -32767 : 32766;
+            const auto exact = reference(src, dv, kernel, kv, a, 1 << 16);
+            const auto wrapped = reference(src, dv, kernel, kv, a, 1 << 16, true);
+            // The case is only worth its name if wrapping changes results.
+            EXPECT_FALSE(vt::SameBits(exact, wrapped)) << "kernel width " << kw;
+            EXPECT_TRUE(vt::SameBits(filtered(src, dv, kernel, kv, a, 1 << 16), wrapped)) << "kernel width " << kw;
+        }
     }
 }
 
