@@ -1,8 +1,8 @@
 // KD-tree traversal core shared by the four intersection queries: lane types
 // (one float, or four in an SSE register), ray set-up against the scene box,
 // the projected triangle test, leaf decoding, and two walks over the tree: the
-// per-ray walk, which defines every result, and a masked four-ray walk that
-// reproduces each lane's per-ray walk exactly.
+// per-ray walk, which defines every result, and a masked packet walk (one to
+// four groups of four rays) that reproduces each lane's per-ray walk exactly.
 //
 // The walk is the classic front-to-back recursive KD-tree traversal with an
 // explicit stack (Jansen 1986; see Havran, "Heuristic Ray Shooting
@@ -287,10 +287,21 @@ inline void ownWalk1(const VekrKDTreeNode* root, const VekrTriangleAccel* accel,
     }
 }
 
-// The four-ray walk for rays whose direction signs agree on every axis (so the
-// near child is the same for all lanes). Each lane's state (tNear, tFar, hits)
-// changes only while the lane is active, and a lane is active exactly at the
-// nodes its single-ray walk visits, in the same depth-first order:
+// The lane bits of a tile's G masks: bit 4g + l from lane l of mask g.
+template <int G>
+inline int ownTileMask(const OwnM4* m) {
+    static_assert(G == 1 || G == 2 || G == 4, "tiles of one, two or four groups");
+    if (G == 1) return ownMoveMask(m[0]);
+    if (G == 2) return ownMoveMask8(m[0], m[1]);
+    return ownMoveMask16(m[0], m[1], m[2], m[3]);
+}
+
+// The packet walk: G groups of four rays (lane 4g + l is lane l of group g)
+// walked as one packet of 4G lanes whose direction signs agree on every axis
+// (so the near child is the same for all lanes). Each lane's state (tNear,
+// tFar, hits) changes only while the lane is active, and a lane is active
+// exactly at the nodes its single-ray walk visits, in the same depth-first
+// order:
 //  - lanes that want only the far child are deferred on the stack with their
 //    state untouched, while the others go on into the near child;
 //  - lanes that want both push the far child (the single-ray stack entry) and
@@ -302,87 +313,14 @@ inline void ownWalk1(const VekrKDTreeNode* root, const VekrTriangleAccel* accel,
 // lane is inactive until its entry comes up), so the entries holding a lane
 // are exactly its single-ray stack: a lane whose stack is empty after a leaf
 // appears in no entry and is never resumed, with no bookkeeping needed.
-// `alive` holds the lanes still in play; its bits index the lanes.
-template <class P>
-inline void ownWalk4(const VekrKDTreeNode* root, const VekrTriangleAccel* accel, const OwnRay<OwnLane4<>>& r,
-                     const int sign[3], OwnF4 tNear, OwnF4 tFar, int alive, P& p) {
-    struct Entry {
-        const VekrKDTreeNode* node;
-        OwnF4 tFar;
-        int lanes;   // lanes resumed here
-        int pushed;  // of those, lanes whose single-ray walk pushed this entry
-    };
-    Entry stack[kOwnStackSize];
-    int top = 0;
-    const OwnF4 tol = OwnF4(P::kSplitTol);
-    int active = alive;
-    const VekrKDTreeNode* node = root;
-    for (;;) {
-        int32_t link = node->link;
-        while (link >= 0) {
-            const int axis = link & 3;
-            const VekrKDTreeNode* pair = ownChildPair(node, link);
-            const OwnF4 split = OwnF4(ownBitsFloat(static_cast<uint32_t>(node->value)));
-            const OwnF4 t = (split - r.o[axis]) * r.inv[axis];
-            const VekrKDTreeNode* nearChild = pair + sign[axis];
-            const VekrKDTreeNode* farChild = pair + (sign[axis] ^ 1);
-            const int farOnly = ownMoveMask(tNear - t > tol) & active;
-            const int nearLanes = active & ~farOnly;
-            if (nearLanes == 0) {
-                node = farChild;
-            } else {
-                const int bothSides = nearLanes & ~ownMoveMask(t - tFar > tol);
-                if (bothSides | farOnly) {
-                    if (top < kOwnStackSize) stack[top++] = Entry{farChild, tFar, bothSides | farOnly, bothSides};
-                    const OwnF4 narrowed = ownMax(tNear, ownMin(t, tFar));
-                    tFar = ownSelect(ownLaneMask(bothSides), narrowed, tFar);
-                }
-                active = nearLanes;
-                node = nearChild;
-            }
-            link = node->link;
-        }
-
-        int done = 0;
-        ownForEachLeafTriangle(node, [&](int32_t j) {
-            const VekrTriangleAccel& R = accel[j];
-            if (p.skip(j, R)) return false;
-            OwnTriTerms<OwnLane4<>> terms;
-            ownTriangleTest(R, r, terms);
-            const int fin = ownMoveMask(p.consider(j, ownLaneMask(active & ~done), terms));
-            done |= fin;
-            return (active & ~done) == 0;
-        });
-        alive &= ~done;
-        active &= ~done;
-        if (active) {
-            // Lanes whose processed interval reaches their hit distance are done.
-            const int fin = active & ownMoveMask(tFar >= p.bound());
-            alive &= ~fin;
-            tNear = ownSelect(ownLaneMask(active & ~fin), tFar, tNear);
-        }
-        for (;;) {
-            if (top == 0) return;
-            const Entry& e = stack[--top];
-            active = e.lanes & alive;
-            if (active) {
-                tFar = ownSelect(ownLaneMask(e.pushed & active), e.tFar, tFar);
-                node = e.node;
-                break;
-            }
-        }
-    }
-}
-
-// The tile walk: G groups of four rays (a tile of 4G rays, lane 4g + l is lane
-// l of group g) walked as one packet by the rules of ownWalk4, with the lane
-// masks widened to 4G bits. A node's record and a triangle's accelerator
-// record are read once for the whole tile, a group without active lanes is
-// skipped at every test, and every lane still visits exactly the leaves, in
-// exactly the order, of its single-ray walk. All groups share the direction
-// signs. p[g] holds the query state of group g. With sharedOrigin, all rays
-// start at one point and the terms that depend on the origin alone (the split
-// plane's offset, the triangle's plane terms) are computed once for the tile.
+// `alive` holds the lanes to walk; lanes outside it are never touched, so a
+// tile whose rays point into several octants is walked once per octant.
+//
+// A node's record and a triangle's accelerator record are read once for the
+// whole packet, and a group without active lanes is skipped at every triangle.
+// p[g] holds the query state of group g. With sharedOrigin, all rays start at
+// one point and the terms that depend on the origin alone (the split plane's
+// offset, the triangle's plane terms) are computed once per packet.
 template <int G, bool sharedOrigin, class P>
 inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* accel, const OwnRay<OwnLane4<>>* r,
                         const int sign[3], OwnF4* tNear, OwnF4* tFar, int alive, P* p) {
@@ -404,21 +342,21 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
             const VekrKDTreeNode* pair = ownChildPair(node, link);
             const OwnF4 split = OwnF4(ownBitsFloat(static_cast<uint32_t>(node->value)));
             OwnF4 t[G];
-            int farOnly = 0, beyond = 0;
+            OwnM4 farM[G], beyondM[G];
             const OwnF4 offset0 = split - r[0].o[axis];
             for (int g = 0; g < G; ++g) {
                 t[g] = (sharedOrigin ? offset0 : split - r[g].o[axis]) * r[g].inv[axis];
-                farOnly |= ownMoveMask(tNear[g] - t[g] > tol) << (4 * g);
-                beyond |= ownMoveMask(t[g] - tFar[g] > tol) << (4 * g);
+                farM[g] = tNear[g] - t[g] > tol;
+                beyondM[g] = t[g] - tFar[g] > tol;
             }
             const VekrKDTreeNode* nearChild = pair + sign[axis];
             const VekrKDTreeNode* farChild = pair + (sign[axis] ^ 1);
-            farOnly &= active;
+            const int farOnly = ownTileMask<G>(farM) & active;
             const int nearLanes = active & ~farOnly;
             if (nearLanes == 0) {
                 node = farChild;
             } else {
-                const int bothSides = nearLanes & ~beyond;
+                const int bothSides = nearLanes & ~ownTileMask<G>(beyondM);
                 if (bothSides | farOnly) {
                     if (top < kOwnStackSize) {
                         Entry& e = stack[top++];
@@ -427,10 +365,9 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
                         e.lanes = bothSides | farOnly;
                         e.pushed = bothSides;
                     }
-                    for (int g = 0; g < G; ++g) {
-                        const int b = (bothSides >> (4 * g)) & 15;
-                        if (b) tFar[g] = ownSelect(ownLaneMask(b), ownMax(tNear[g], ownMin(t[g], tFar[g])), tFar[g]);
-                    }
+                    for (int g = 0; g < G; ++g)
+                        tFar[g] = ownSelect(ownLaneMask((bothSides >> (4 * g)) & 15),
+                                            ownMax(tNear[g], ownMin(t[g], tFar[g])), tFar[g]);
                 }
                 active = nearLanes;
                 node = nearChild;
@@ -456,13 +393,14 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
         });
         alive &= ~done;
         active &= ~done;
-        for (int g = 0; g < G; ++g) {
-            const int a = (active >> (4 * g)) & 15;
-            if (!a) continue;
+        if (active) {
             // Lanes whose processed interval reaches their hit distance are done.
-            const int fin = a & ownMoveMask(tFar[g] >= p[g].bound());
-            alive &= ~(fin << (4 * g));
-            tNear[g] = ownSelect(ownLaneMask(a & ~fin), tFar[g], tNear[g]);
+            OwnM4 reach[G];
+            for (int g = 0; g < G; ++g) reach[g] = tFar[g] >= p[g].bound();
+            const int fin = active & ownTileMask<G>(reach);
+            alive &= ~fin;
+            const int go = active & ~fin;
+            for (int g = 0; g < G; ++g) tNear[g] = ownSelect(ownLaneMask((go >> (4 * g)) & 15), tFar[g], tNear[g]);
         }
         for (;;) {
             if (top == 0) return;
@@ -470,10 +408,8 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
             active = e.lanes & alive;
             if (active) {
                 const int pushed = e.pushed & active;
-                for (int g = 0; g < G; ++g) {
-                    const int m = (pushed >> (4 * g)) & 15;
-                    if (m) tFar[g] = ownSelect(ownLaneMask(m), e.tFar[g], tFar[g]);
-                }
+                for (int g = 0; g < G; ++g)
+                    tFar[g] = ownSelect(ownLaneMask((pushed >> (4 * g)) & 15), e.tFar[g], tFar[g]);
                 node = e.node;
                 break;
             }
@@ -481,31 +417,17 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
     }
 }
 
-// The common sign of 4G lanes on each axis from the per-group negative flags.
-// Returns false when the lanes in `lanes` disagree on some axis.
-template <int G>
-inline bool ownCommonSignsTile(const OwnM4 (*neg)[3], int lanes, int sign[3]) {
+// The lanes of `rest` whose direction signs agree with those of its lowest
+// lane (negBits[a]: the lanes with a negative direction on axis a), and those
+// signs.
+inline int ownOctantLanes(const int negBits[3], int rest, int sign[3]) {
+    const int first = rest & -rest;
+    int lanes = rest;
     for (int a = 0; a < 3; ++a) {
-        int n = 0;
-        for (int g = 0; g < G; ++g) n |= ownMoveMask(neg[g][a]) << (4 * g);
-        n &= lanes;
-        if (n == 0) sign[a] = 0;
-        else if (n == lanes) sign[a] = 1;
-        else return false;
+        sign[a] = (negBits[a] & first) != 0;
+        lanes &= sign[a] ? negBits[a] : ~negBits[a];
     }
-    return true;
-}
-
-// The common sign of four lanes on each axis, from the per-lane negative
-// flags. Returns false when the lanes in `lanes` disagree on some axis.
-inline bool ownCommonSigns(const OwnM4 neg[3], int lanes, int sign[3]) {
-    for (int a = 0; a < 3; ++a) {
-        const int n = ownMoveMask(neg[a]) & lanes;
-        if (n == 0) sign[a] = 0;
-        else if (n == lanes) sign[a] = 1;
-        else return false;
-    }
-    return true;
+    return lanes;
 }
 
 }  // namespace vekr
