@@ -126,7 +126,7 @@ inline typename L::F ownBoxExit(const VekrBoundBox* box, const OwnRay<L>& r) {
 
 template <class L>
 struct OwnTriTerms {
-    typename L::F det, t, b, g;
+    typename L::F det, num, t, b, g;
     typename L::M inside;
 };
 
@@ -151,9 +151,12 @@ inline OwnTriOrigin<L> ownTriangleOrigin(const VekrTriangleAccel& R, const OwnRa
     return OwnTriOrigin<L>{pu, pv, num};
 }
 
+// All terms but the distance t = num / det, which only matters where the hit
+// lies inside (every query rejects the other lanes first), so the packet
+// walk divides only when some active lane is inside.
 template <class L>
-inline void ownTriangleTest(const VekrTriangleAccel& R, const OwnRay<L>& r, const OwnTriOrigin<L>& po,
-                            OwnTriTerms<L>& out) {
+inline void ownTriangleInside(const VekrTriangleAccel& R, const OwnRay<L>& r, const OwnTriOrigin<L>& po,
+                              OwnTriTerms<L>& out) {
     using F = typename L::F;
     const int32_t w0 = R.axisCode;
     const int k = (w0 >> 4) & 3, u = (w0 >> 2) & 3, v = w0 & 3;
@@ -169,9 +172,16 @@ inline void ownTriangleTest(const VekrTriangleAccel& R, const OwnRay<L>& r, cons
     const F zero = F(0.0f);
     out.inside = ownAnd(ownAnd(b * a >= zero, b * g >= zero), a * g >= zero);
     out.det = det;
-    out.t = num / det;
+    out.num = num;
     out.b = b;
     out.g = g;
+}
+
+template <class L>
+inline void ownTriangleTest(const VekrTriangleAccel& R, const OwnRay<L>& r, const OwnTriOrigin<L>& po,
+                            OwnTriTerms<L>& out) {
+    ownTriangleInside(R, r, po, out);
+    out.t = out.num / out.det;
 }
 
 template <class L>
@@ -342,21 +352,23 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
             const VekrKDTreeNode* pair = ownChildPair(node, link);
             const OwnF4 split = OwnF4(ownBitsFloat(static_cast<uint32_t>(node->value)));
             OwnF4 t[G];
-            OwnM4 farM[G], beyondM[G];
+            int farOnly = 0, beyond = 0;
             const OwnF4 offset0 = split - r[0].o[axis];
             for (int g = 0; g < G; ++g) {
                 t[g] = (sharedOrigin ? offset0 : split - r[g].o[axis]) * r[g].inv[axis];
-                farM[g] = tNear[g] - t[g] > tol;
-                beyondM[g] = t[g] - tFar[g] > tol;
+                // Lane bits at once per group: keeping the masks of all groups
+                // for one packed movemask runs out of registers.
+                farOnly |= ownMoveMask(tNear[g] - t[g] > tol) << (4 * g);
+                beyond |= ownMoveMask(t[g] - tFar[g] > tol) << (4 * g);
             }
             const VekrKDTreeNode* nearChild = pair + sign[axis];
             const VekrKDTreeNode* farChild = pair + (sign[axis] ^ 1);
-            const int farOnly = ownTileMask<G>(farM) & active;
+            farOnly &= active;
             const int nearLanes = active & ~farOnly;
             if (nearLanes == 0) {
                 node = farChild;
             } else {
-                const int bothSides = nearLanes & ~ownTileMask<G>(beyondM);
+                const int bothSides = nearLanes & ~beyond;
                 if (bothSides | farOnly) {
                     if (top < kOwnStackSize) {
                         Entry& e = stack[top++];
@@ -365,9 +377,10 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
                         e.lanes = bothSides | farOnly;
                         e.pushed = bothSides;
                     }
-                    for (int g = 0; g < G; ++g)
-                        tFar[g] = ownSelect(ownLaneMask((bothSides >> (4 * g)) & 15),
-                                            ownMax(tNear[g], ownMin(t[g], tFar[g])), tFar[g]);
+                    for (int g = 0; g < G; ++g) {
+                        const int b = (bothSides >> (4 * g)) & 15;
+                        if (b) tFar[g] = ownSelect(ownLaneMask(b), ownMax(tNear[g], ownMin(t[g], tFar[g])), tFar[g]);
+                    }
                 }
                 active = nearLanes;
                 node = nearChild;
@@ -386,21 +399,22 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
                 const int lanes = (open >> (4 * g)) & 15;
                 if (!lanes) continue;
                 OwnTriTerms<OwnLane4<>> terms;
-                ownTriangleTest(R, r[g], sharedOrigin ? po0 : ownTriangleOrigin(R, r[g]), terms);
+                ownTriangleInside(R, r[g], sharedOrigin ? po0 : ownTriangleOrigin(R, r[g]), terms);
+                if (!(ownMoveMask(terms.inside) & lanes)) continue;
+                terms.t = terms.num / terms.det;
                 done |= ownMoveMask(p[g].consider(j, ownLaneMask(lanes), terms)) << (4 * g);
             }
             return (active & ~done) == 0;
         });
         alive &= ~done;
         active &= ~done;
-        if (active) {
+        for (int g = 0; g < G; ++g) {
+            const int a = (active >> (4 * g)) & 15;
+            if (!a) continue;
             // Lanes whose processed interval reaches their hit distance are done.
-            OwnM4 reach[G];
-            for (int g = 0; g < G; ++g) reach[g] = tFar[g] >= p[g].bound();
-            const int fin = active & ownTileMask<G>(reach);
-            alive &= ~fin;
-            const int go = active & ~fin;
-            for (int g = 0; g < G; ++g) tNear[g] = ownSelect(ownLaneMask((go >> (4 * g)) & 15), tFar[g], tNear[g]);
+            const int fin = a & ownMoveMask(tFar[g] >= p[g].bound());
+            alive &= ~(fin << (4 * g));
+            tNear[g] = ownSelect(ownLaneMask(a & ~fin), tFar[g], tNear[g]);
         }
         for (;;) {
             if (top == 0) return;
@@ -408,8 +422,10 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
             active = e.lanes & alive;
             if (active) {
                 const int pushed = e.pushed & active;
-                for (int g = 0; g < G; ++g)
-                    tFar[g] = ownSelect(ownLaneMask((pushed >> (4 * g)) & 15), e.tFar[g], tFar[g]);
+                for (int g = 0; g < G; ++g) {
+                    const int m = (pushed >> (4 * g)) & 15;
+                    if (m) tFar[g] = ownSelect(ownLaneMask(m), e.tFar[g], tFar[g]);
+                }
                 node = e.node;
                 break;
             }
