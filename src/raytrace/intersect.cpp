@@ -8,9 +8,17 @@
 #include <cstdint>
 
 #include "raytrace/traverse.h"
+#ifndef OWN_TILE_ROWS
+#define OWN_TILE_ROWS 4
+#endif
 
 namespace vekr {
 namespace {
+
+// Rows of four rays walked as one packet by the vector paths of the eye,
+// per-origin and any-hit queries. Four rows beat two and one for all three on
+// the bunny workloads, the incoherent reflection rays included.
+constexpr int kOwnTileRows = OWN_TILE_ROWS;
 
 // ---------------------------------------------------------------------------
 // Query policies (see the contract above ownWalk1)
@@ -168,10 +176,9 @@ inline void ownTileSigns(const OwnM4 (*neg)[3], int negBits[3]) {
 
 // A 4 x 4 tile: four rays at i, i + width, i + 2 width and i + 3 width, walked
 // together, once for each direction octant among the rays that enter the box.
-template <template <class> class Policy, OwnBoxMode mode>
+template <template <class> class Policy, OwnBoxMode mode, int G>
 void ownNearestTile(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2],
                     int32_t* trngl, std::size_t i, std::size_t width, const VekrIntersectContext* ctx) {
-    constexpr int G = 4;
     OwnRay<OwnLane4<>> r[G];
     OwnF4 tNear[G], tFar[G];
     OwnM4 neg[G][3];
@@ -217,9 +224,10 @@ void ownNearestBlock(const OwnOrigins& org, const float* const dir[3], float* di
     if (width < 1) return;
     const std::size_t w = static_cast<std::size_t>(width);
     if (vector) {
-        for (int row = 0; row < height; row += 4)
+        constexpr int G = kOwnTileRows;
+        for (int row = 0; row < height; row += G)
             for (int c = 0; c < width; c += 4)
-                ownNearestTile<Policy, mode>(org, dir, dist, hit, trngl, static_cast<std::size_t>(row) * w + c, w, ctx);
+                ownNearestTile<Policy, mode, G>(org, dir, dist, hit, trngl, static_cast<std::size_t>(row) * w + c, w, ctx);
         return;
     }
     for (int row = 0; row < height; ++row) {
@@ -371,9 +379,9 @@ void ownAnyRay(const float* origin, const float* const dir[3], int32_t* occluder
 
 // A 4 x 4 tile of any-hit rays (rows at i, i + width, ...), walked once for
 // each direction octant among the selected rays.
+template <int G>
 void ownAnyTile(const float* origin, const float* const dir[3], int32_t* occluder, int32_t* mask, std::size_t i,
                 std::size_t width, const VekrIntersectContext* ctx) {
-    constexpr int G = 4;
     OwnRay<OwnLane4<>> r[G];
     OwnF4 tNear[G], tFar[G];
     OwnM4 neg[G][3];
@@ -484,9 +492,9 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectAnySO_32f(const float* pOrigin, 
                         ownAllAligned16(pDirection[0], pDirection[1], pDirection[2], pOccluder, pMask);
     const std::size_t w = static_cast<std::size_t>(width);
     if (vector) {
-        for (int row = 0; row < height; row += 4)
+        for (int row = 0; row < height; row += kOwnTileRows)
             for (int c = 0; c < width; c += 4)
-                ownAnyTile(pOrigin, pDirection, pOccluder, pMask, static_cast<std::size_t>(row) * w + c, w, pContext);
+                ownAnyTile<kOwnTileRows>(pOrigin, pDirection, pOccluder, pMask, static_cast<std::size_t>(row) * w + c, w, pContext);
         return vekStatusOk;
     }
     for (int row = 0; row < height; ++row) {
