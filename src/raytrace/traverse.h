@@ -197,39 +197,48 @@ inline const VekrKDTreeNode* ownChildPair(const VekrKDTreeNode* node, int32_t li
     return reinterpret_cast<const VekrKDTreeNode*>(reinterpret_cast<const char*>(node) + (link & ~3));
 }
 
-// Calls fn(j) for each triangle index of a leaf in stored order until fn
-// returns true. A list leaf's indices follow at (node - link); a packed leaf
-// holds one index in link, two as (value, link), or three as mid in value and
-// the distances to lo and hi in link, tested as lo, mid, hi.
-template <class Fn>
-inline void ownForEachLeafTriangle(const VekrKDTreeNode* leaf, Fn&& fn) {
+// The triangle indices of a leaf in stored order: count of them at the
+// returned pointer. A list leaf's indices follow at (node - link) and are read
+// in place; a packed leaf holds one index in link, two as (value, link), or
+// three as mid in value and the distances to lo and hi in link, tested as lo,
+// mid, hi, and these are written to packed.
+inline const int32_t* ownLeafTriangles(const VekrKDTreeNode* leaf, int32_t packed[3], uint32_t& count) {
     const uint32_t link = static_cast<uint32_t>(leaf->link);
     const uint32_t value = static_cast<uint32_t>(leaf->value);
     if ((value & 0x80000000u) == 0) {
-        const int32_t* list =
-            reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(leaf) - static_cast<int32_t>(link));
-        for (uint32_t n = 0; n < value; ++n)
-            if (fn(list[n])) return;
-        return;
+        count = value;
+        return reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(leaf) - static_cast<int32_t>(link));
     }
-    switch (value & 3u) {
+    const int32_t mid = static_cast<int32_t>((value & 0x7FFFFFFFu) >> 2);
+    count = value & 3u;
+    switch (count) {
     case 1:
-        fn(static_cast<int32_t>(link & 0x7FFFFFFFu));
-        return;
+        packed[0] = static_cast<int32_t>(link & 0x7FFFFFFFu);
+        break;
     case 2:
-        if (fn(static_cast<int32_t>((value & 0x7FFFFFFFu) >> 2))) return;
-        fn(static_cast<int32_t>(link & 0x7FFFFFFFu));
-        return;
-    case 3: {
-        const int32_t mid = static_cast<int32_t>((value & 0x7FFFFFFFu) >> 2);
-        if (fn(mid - static_cast<int32_t>((link >> 16) & 0x7FFFu))) return;
-        if (fn(mid)) return;
-        fn(mid + static_cast<int32_t>(link & 0xFFFFu));
-        return;
-    }
+        packed[0] = mid;
+        packed[1] = static_cast<int32_t>(link & 0x7FFFFFFFu);
+        break;
+    case 3:
+        packed[0] = mid - static_cast<int32_t>((link >> 16) & 0x7FFFu);
+        packed[1] = mid;
+        packed[2] = mid + static_cast<int32_t>(link & 0xFFFFu);
+        break;
     default:
-        return;
+        break;
     }
+    return packed;
+}
+
+// Calls fn(j) for each triangle index of a leaf in stored order until fn
+// returns true. fn has one call site, so the walks get it inlined.
+template <class Fn>
+inline void ownForEachLeafTriangle(const VekrKDTreeNode* leaf, Fn&& fn) {
+    int32_t packed[3];
+    uint32_t count;
+    const int32_t* list = ownLeafTriangles(leaf, packed, count);
+    for (uint32_t n = 0; n < count; ++n)
+        if (fn(list[n])) return;
 }
 
 // ---------------------------------------------------------------------------
