@@ -172,8 +172,9 @@ inline void ownTileSigns(const OwnM4 (*neg)[3], int negBits[3]) {
     }
 }
 
-// A 4 x 4 tile: four rays at i, i + width, i + 2 width and i + 3 width, walked
-// together, once for each direction octant among the rays that enter the box.
+// A tile of G rows of four rays (at i, i + width, ..., i + (G - 1) width),
+// walked together, once for each direction octant among the rays that enter
+// the box.
 template <template <class> class Policy, OwnBoxMode mode, int G>
 void ownNearestTile(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2],
                     int32_t* trngl, std::size_t i, std::size_t width, const VekrIntersectContext* ctx) {
@@ -215,17 +216,19 @@ void ownNearestTile(const OwnOrigins& org, const float* const dir[3], float* dis
     }
 }
 
-// The vector path walks 4 x 4 tiles, the per-ray path one ray after another.
+// The vector path walks tiles of kOwnTileRows x 4 rays, the per-ray path one
+// ray after another.
 template <template <class> class Policy, OwnBoxMode mode>
 void ownNearestBlock(const OwnOrigins& org, const float* const dir[3], float* dist, float* const hit[2], int32_t* trngl,
                      const VekrIntersectContext* ctx, int width, int height, bool vector) {
     if (width < 1) return;
     const std::size_t w = static_cast<std::size_t>(width);
     if (vector) {
-        constexpr int G = kOwnTileRows;
-        for (int row = 0; row < height; row += G)
+        for (int row = 0; row < height; row += kOwnTileRows) {
+            const std::size_t base = static_cast<std::size_t>(row) * w;
             for (int c = 0; c < width; c += 4)
-                ownNearestTile<Policy, mode, G>(org, dir, dist, hit, trngl, static_cast<std::size_t>(row) * w + c, w, ctx);
+                ownNearestTile<Policy, mode, kOwnTileRows>(org, dir, dist, hit, trngl, base + c, w, ctx);
+        }
         return;
     }
     for (int row = 0; row < height; ++row) {
@@ -375,7 +378,7 @@ void ownAnyRay(const float* origin, const float* const dir[3], int32_t* occluder
     mask[i] = p.mask;
 }
 
-// A 4 x 4 tile of any-hit rays (rows at i, i + width, ...), walked once for
+// A tile of G rows of four any-hit rays (at i, i + width, ...), walked once for
 // each direction octant among the selected rays.
 template <int G>
 void ownAnyTile(const float* origin, const float* const dir[3], int32_t* occluder, int32_t* mask, std::size_t i,
@@ -490,9 +493,11 @@ extern "C" OWN_SSE_ENTRY VekStatus vekrIntersectAnySO_32f(const float* pOrigin, 
                         ownAllAligned16(pDirection[0], pDirection[1], pDirection[2], pOccluder, pMask);
     const std::size_t w = static_cast<std::size_t>(width);
     if (vector) {
-        for (int row = 0; row < height; row += kOwnTileRows)
+        for (int row = 0; row < height; row += kOwnTileRows) {
+            const std::size_t base = static_cast<std::size_t>(row) * w;
             for (int c = 0; c < width; c += 4)
-                ownAnyTile<kOwnTileRows>(pOrigin, pDirection, pOccluder, pMask, static_cast<std::size_t>(row) * w + c, w, pContext);
+                ownAnyTile<kOwnTileRows>(pOrigin, pDirection, pOccluder, pMask, base + c, w, pContext);
+        }
         return vekStatusOk;
     }
     for (int row = 0; row < height; ++row) {
