@@ -253,8 +253,10 @@ TEST_F(Bunny, VectorPath_EveryQueryEqualsThePerRayPath) {
 // resumed in different groups); in every third tile one ray leaves the
 // octant, and in the tiles after those every ray takes a random octant, so
 // that the tile is walked once per octant with the other lanes left alone
-// (the multiple-hit query walks rows of four the same way). Aligned (tile
-// path) against offsets 4 and 8 (per-ray path).
+// (the multiple-hit query walks rows of four the same way; with per-ray
+// origins, an octant of at most four rays is walked ray by ray after the
+// tile's results are stored). Aligned (tile path) against offsets 4 and 8
+// (per-ray path).
 TEST_F(Bunny, TilePath_DivergentTilesEqualThePerRayPath) {
     const rt::Scene& s = scene();
     for (Q q : {Q::Eye, Q::PerOrigin, Q::Multiple, Q::Any}) {
