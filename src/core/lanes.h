@@ -128,6 +128,18 @@ OWN_LANE int ownMoveMask(OwnM4 a) { return _mm_movemask_ps(a.v); }
 OWN_LANE int ownSignMask(OwnI4 a) { return _mm_movemask_ps(_mm_castsi128_ps(a.v)); }
 // True when the mask holds in any lane.
 OWN_LANE bool ownAny(OwnM4 a) { return _mm_movemask_ps(a.v) != 0; }
+// Bits 4k .. 4k + 3 from mask k: the lane bits of two or four masks at once
+// (saturating packs keep every all-ones or all-zero lane as it is, so one
+// byte movemask reads them all).
+OWN_LANE int ownMoveMask8(OwnM4 a, OwnM4 b) {
+    const __m128i ab = _mm_packs_epi32(_mm_castps_si128(a.v), _mm_castps_si128(b.v));
+    return _mm_movemask_epi8(_mm_packs_epi16(ab, _mm_setzero_si128()));
+}
+OWN_LANE int ownMoveMask16(OwnM4 a, OwnM4 b, OwnM4 c, OwnM4 d) {
+    const __m128i ab = _mm_packs_epi32(_mm_castps_si128(a.v), _mm_castps_si128(b.v));
+    const __m128i cd = _mm_packs_epi32(_mm_castps_si128(c.v), _mm_castps_si128(d.v));
+    return _mm_movemask_epi8(_mm_packs_epi16(ab, cd));
+}
 
 // Lane-bit masks (bit l of the index set: lane l all ones), the inverse of
 // ownMoveMask.

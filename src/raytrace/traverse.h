@@ -1,8 +1,8 @@
 // KD-tree traversal core shared by the four intersection queries: lane types
 // (one float, or four in an SSE register), ray set-up against the scene box,
 // the projected triangle test, leaf decoding, and two walks over the tree: the
-// per-ray walk, which defines every result, and a masked four-ray walk that
-// reproduces each lane's per-ray walk exactly.
+// per-ray walk, which defines every result, and a masked packet walk (one to
+// four groups of four rays) that reproduces each lane's per-ray walk exactly.
 //
 // The walk is the classic front-to-back recursive KD-tree traversal with an
 // explicit stack (Jansen 1986; see Havran, "Heuristic Ray Shooting
@@ -126,7 +126,7 @@ inline typename L::F ownBoxExit(const VekrBoundBox* box, const OwnRay<L>& r) {
 
 template <class L>
 struct OwnTriTerms {
-    typename L::F det, t, b, g;
+    typename L::F det, num, t, b, g;
     typename L::M inside;
 };
 
@@ -151,9 +151,12 @@ inline OwnTriOrigin<L> ownTriangleOrigin(const VekrTriangleAccel& R, const OwnRa
     return OwnTriOrigin<L>{pu, pv, num};
 }
 
+// All terms but the distance t = num / det, which only matters where the hit
+// lies inside (every query rejects the other lanes first), so the packet
+// walk divides only when some active lane is inside.
 template <class L>
-inline void ownTriangleTest(const VekrTriangleAccel& R, const OwnRay<L>& r, const OwnTriOrigin<L>& po,
-                            OwnTriTerms<L>& out) {
+inline void ownTriangleInside(const VekrTriangleAccel& R, const OwnRay<L>& r, const OwnTriOrigin<L>& po,
+                              OwnTriTerms<L>& out) {
     using F = typename L::F;
     const int32_t w0 = R.axisCode;
     const int k = (w0 >> 4) & 3, u = (w0 >> 2) & 3, v = w0 & 3;
@@ -169,9 +172,16 @@ inline void ownTriangleTest(const VekrTriangleAccel& R, const OwnRay<L>& r, cons
     const F zero = F(0.0f);
     out.inside = ownAnd(ownAnd(b * a >= zero, b * g >= zero), a * g >= zero);
     out.det = det;
-    out.t = num / det;
+    out.num = num;
     out.b = b;
     out.g = g;
+}
+
+template <class L>
+inline void ownTriangleTest(const VekrTriangleAccel& R, const OwnRay<L>& r, const OwnTriOrigin<L>& po,
+                            OwnTriTerms<L>& out) {
+    ownTriangleInside(R, r, po, out);
+    out.t = out.num / out.det;
 }
 
 template <class L>
@@ -187,39 +197,48 @@ inline const VekrKDTreeNode* ownChildPair(const VekrKDTreeNode* node, int32_t li
     return reinterpret_cast<const VekrKDTreeNode*>(reinterpret_cast<const char*>(node) + (link & ~3));
 }
 
-// Calls fn(j) for each triangle index of a leaf in stored order until fn
-// returns true. A list leaf's indices follow at (node - link); a packed leaf
-// holds one index in link, two as (value, link), or three as mid in value and
-// the distances to lo and hi in link, tested as lo, mid, hi.
-template <class Fn>
-inline void ownForEachLeafTriangle(const VekrKDTreeNode* leaf, Fn&& fn) {
+// The triangle indices of a leaf in stored order: count of them at the
+// returned pointer. A list leaf's indices follow at (node - link) and are read
+// in place; a packed leaf holds one index in link, two as (value, link), or
+// three as mid in value and the distances to lo and hi in link, tested as lo,
+// mid, hi, and these are written to packed.
+inline const int32_t* ownLeafTriangles(const VekrKDTreeNode* leaf, int32_t packed[3], uint32_t& count) {
     const uint32_t link = static_cast<uint32_t>(leaf->link);
     const uint32_t value = static_cast<uint32_t>(leaf->value);
     if ((value & 0x80000000u) == 0) {
-        const int32_t* list =
-            reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(leaf) - static_cast<int32_t>(link));
-        for (uint32_t n = 0; n < value; ++n)
-            if (fn(list[n])) return;
-        return;
+        count = value;
+        return reinterpret_cast<const int32_t*>(reinterpret_cast<const char*>(leaf) - static_cast<int32_t>(link));
     }
-    switch (value & 3u) {
+    const int32_t mid = static_cast<int32_t>((value & 0x7FFFFFFFu) >> 2);
+    count = value & 3u;
+    switch (count) {
     case 1:
-        fn(static_cast<int32_t>(link & 0x7FFFFFFFu));
-        return;
+        packed[0] = static_cast<int32_t>(link & 0x7FFFFFFFu);
+        break;
     case 2:
-        if (fn(static_cast<int32_t>((value & 0x7FFFFFFFu) >> 2))) return;
-        fn(static_cast<int32_t>(link & 0x7FFFFFFFu));
-        return;
-    case 3: {
-        const int32_t mid = static_cast<int32_t>((value & 0x7FFFFFFFu) >> 2);
-        if (fn(mid - static_cast<int32_t>((link >> 16) & 0x7FFFu))) return;
-        if (fn(mid)) return;
-        fn(mid + static_cast<int32_t>(link & 0xFFFFu));
-        return;
-    }
+        packed[0] = mid;
+        packed[1] = static_cast<int32_t>(link & 0x7FFFFFFFu);
+        break;
+    case 3:
+        packed[0] = mid - static_cast<int32_t>((link >> 16) & 0x7FFFu);
+        packed[1] = mid;
+        packed[2] = mid + static_cast<int32_t>(link & 0xFFFFu);
+        break;
     default:
-        return;
+        break;
     }
+    return packed;
+}
+
+// Calls fn(j) for each triangle index of a leaf in stored order until fn
+// returns true. fn has one call site, so the walks get it inlined.
+template <class Fn>
+inline void ownForEachLeafTriangle(const VekrKDTreeNode* leaf, Fn&& fn) {
+    int32_t packed[3];
+    uint32_t count;
+    const int32_t* list = ownLeafTriangles(leaf, packed, count);
+    for (uint32_t n = 0; n < count; ++n)
+        if (fn(list[n])) return;
 }
 
 // ---------------------------------------------------------------------------
@@ -287,10 +306,21 @@ inline void ownWalk1(const VekrKDTreeNode* root, const VekrTriangleAccel* accel,
     }
 }
 
-// The four-ray walk for rays whose direction signs agree on every axis (so the
-// near child is the same for all lanes). Each lane's state (tNear, tFar, hits)
-// changes only while the lane is active, and a lane is active exactly at the
-// nodes its single-ray walk visits, in the same depth-first order:
+// The lane bits of a tile's G masks: bit 4g + l from lane l of mask g.
+template <int G>
+inline int ownTileMask(const OwnM4* m) {
+    static_assert(G == 1 || G == 2 || G == 4, "tiles of one, two or four groups");
+    if (G == 1) return ownMoveMask(m[0]);
+    if (G == 2) return ownMoveMask8(m[0], m[1]);
+    return ownMoveMask16(m[0], m[1], m[2], m[3]);
+}
+
+// The packet walk: G groups of four rays (lane 4g + l is lane l of group g)
+// walked as one packet of 4G lanes whose direction signs agree on every axis
+// (so the near child is the same for all lanes). Each lane's state (tNear,
+// tFar, hits) changes only while the lane is active, and a lane is active
+// exactly at the nodes its single-ray walk visits, in the same depth-first
+// order:
 //  - lanes that want only the far child are deferred on the stack with their
 //    state untouched, while the others go on into the near child;
 //  - lanes that want both push the far child (the single-ray stack entry) and
@@ -302,87 +332,14 @@ inline void ownWalk1(const VekrKDTreeNode* root, const VekrTriangleAccel* accel,
 // lane is inactive until its entry comes up), so the entries holding a lane
 // are exactly its single-ray stack: a lane whose stack is empty after a leaf
 // appears in no entry and is never resumed, with no bookkeeping needed.
-// `alive` holds the lanes still in play; its bits index the lanes.
-template <class P>
-inline void ownWalk4(const VekrKDTreeNode* root, const VekrTriangleAccel* accel, const OwnRay<OwnLane4<>>& r,
-                     const int sign[3], OwnF4 tNear, OwnF4 tFar, int alive, P& p) {
-    struct Entry {
-        const VekrKDTreeNode* node;
-        OwnF4 tFar;
-        int lanes;   // lanes resumed here
-        int pushed;  // of those, lanes whose single-ray walk pushed this entry
-    };
-    Entry stack[kOwnStackSize];
-    int top = 0;
-    const OwnF4 tol = OwnF4(P::kSplitTol);
-    int active = alive;
-    const VekrKDTreeNode* node = root;
-    for (;;) {
-        int32_t link = node->link;
-        while (link >= 0) {
-            const int axis = link & 3;
-            const VekrKDTreeNode* pair = ownChildPair(node, link);
-            const OwnF4 split = OwnF4(ownBitsFloat(static_cast<uint32_t>(node->value)));
-            const OwnF4 t = (split - r.o[axis]) * r.inv[axis];
-            const VekrKDTreeNode* nearChild = pair + sign[axis];
-            const VekrKDTreeNode* farChild = pair + (sign[axis] ^ 1);
-            const int farOnly = ownMoveMask(tNear - t > tol) & active;
-            const int nearLanes = active & ~farOnly;
-            if (nearLanes == 0) {
-                node = farChild;
-            } else {
-                const int bothSides = nearLanes & ~ownMoveMask(t - tFar > tol);
-                if (bothSides | farOnly) {
-                    if (top < kOwnStackSize) stack[top++] = Entry{farChild, tFar, bothSides | farOnly, bothSides};
-                    const OwnF4 narrowed = ownMax(tNear, ownMin(t, tFar));
-                    tFar = ownSelect(ownLaneMask(bothSides), narrowed, tFar);
-                }
-                active = nearLanes;
-                node = nearChild;
-            }
-            link = node->link;
-        }
-
-        int done = 0;
-        ownForEachLeafTriangle(node, [&](int32_t j) {
-            const VekrTriangleAccel& R = accel[j];
-            if (p.skip(j, R)) return false;
-            OwnTriTerms<OwnLane4<>> terms;
-            ownTriangleTest(R, r, terms);
-            const int fin = ownMoveMask(p.consider(j, ownLaneMask(active & ~done), terms));
-            done |= fin;
-            return (active & ~done) == 0;
-        });
-        alive &= ~done;
-        active &= ~done;
-        if (active) {
-            // Lanes whose processed interval reaches their hit distance are done.
-            const int fin = active & ownMoveMask(tFar >= p.bound());
-            alive &= ~fin;
-            tNear = ownSelect(ownLaneMask(active & ~fin), tFar, tNear);
-        }
-        for (;;) {
-            if (top == 0) return;
-            const Entry& e = stack[--top];
-            active = e.lanes & alive;
-            if (active) {
-                tFar = ownSelect(ownLaneMask(e.pushed & active), e.tFar, tFar);
-                node = e.node;
-                break;
-            }
-        }
-    }
-}
-
-// The tile walk: G groups of four rays (a tile of 4G rays, lane 4g + l is lane
-// l of group g) walked as one packet by the rules of ownWalk4, with the lane
-// masks widened to 4G bits. A node's record and a triangle's accelerator
-// record are read once for the whole tile, a group without active lanes is
-// skipped at every test, and every lane still visits exactly the leaves, in
-// exactly the order, of its single-ray walk. All groups share the direction
-// signs. p[g] holds the query state of group g. With sharedOrigin, all rays
-// start at one point and the terms that depend on the origin alone (the split
-// plane's offset, the triangle's plane terms) are computed once for the tile.
+// `alive` holds the lanes to walk; lanes outside it are never touched, so a
+// tile whose rays point into several octants is walked once per octant.
+//
+// A node's record and a triangle's accelerator record are read once for the
+// whole packet, and a group without active lanes is skipped at every triangle.
+// p[g] holds the query state of group g. With sharedOrigin, all rays start at
+// one point and the terms that depend on the origin alone (the split plane's
+// offset, the triangle's plane terms) are computed once per packet.
 template <int G, bool sharedOrigin, class P>
 inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* accel, const OwnRay<OwnLane4<>>* r,
                         const int sign[3], OwnF4* tNear, OwnF4* tFar, int alive, P* p) {
@@ -408,6 +365,8 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
             const OwnF4 offset0 = split - r[0].o[axis];
             for (int g = 0; g < G; ++g) {
                 t[g] = (sharedOrigin ? offset0 : split - r[g].o[axis]) * r[g].inv[axis];
+                // Lane bits at once per group: keeping the masks of all groups
+                // for one packed movemask runs out of registers.
                 farOnly |= ownMoveMask(tNear[g] - t[g] > tol) << (4 * g);
                 beyond |= ownMoveMask(t[g] - tFar[g] > tol) << (4 * g);
             }
@@ -449,7 +408,9 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
                 const int lanes = (open >> (4 * g)) & 15;
                 if (!lanes) continue;
                 OwnTriTerms<OwnLane4<>> terms;
-                ownTriangleTest(R, r[g], sharedOrigin ? po0 : ownTriangleOrigin(R, r[g]), terms);
+                ownTriangleInside(R, r[g], sharedOrigin ? po0 : ownTriangleOrigin(R, r[g]), terms);
+                if (!(ownMoveMask(terms.inside) & lanes)) continue;
+                terms.t = terms.num / terms.det;
                 done |= ownMoveMask(p[g].consider(j, ownLaneMask(lanes), terms)) << (4 * g);
             }
             return (active & ~done) == 0;
@@ -481,31 +442,17 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
     }
 }
 
-// The common sign of 4G lanes on each axis from the per-group negative flags.
-// Returns false when the lanes in `lanes` disagree on some axis.
-template <int G>
-inline bool ownCommonSignsTile(const OwnM4 (*neg)[3], int lanes, int sign[3]) {
+// The lanes of `rest` whose direction signs agree with those of its lowest
+// lane (negBits[a]: the lanes with a negative direction on axis a), and those
+// signs.
+inline int ownOctantLanes(const int negBits[3], int rest, int sign[3]) {
+    const int first = rest & -rest;
+    int lanes = rest;
     for (int a = 0; a < 3; ++a) {
-        int n = 0;
-        for (int g = 0; g < G; ++g) n |= ownMoveMask(neg[g][a]) << (4 * g);
-        n &= lanes;
-        if (n == 0) sign[a] = 0;
-        else if (n == lanes) sign[a] = 1;
-        else return false;
+        sign[a] = (negBits[a] & first) != 0;
+        lanes &= sign[a] ? negBits[a] : ~negBits[a];
     }
-    return true;
-}
-
-// The common sign of four lanes on each axis, from the per-lane negative
-// flags. Returns false when the lanes in `lanes` disagree on some axis.
-inline bool ownCommonSigns(const OwnM4 neg[3], int lanes, int sign[3]) {
-    for (int a = 0; a < 3; ++a) {
-        const int n = ownMoveMask(neg[a]) & lanes;
-        if (n == 0) sign[a] = 0;
-        else if (n == lanes) sign[a] = 1;
-        else return false;
-    }
-    return true;
+    return lanes;
 }
 
 }  // namespace vekr

@@ -250,30 +250,37 @@ TEST_F(Bunny, VectorPath_EveryQueryEqualsThePerRayPath) {
 
 // Blocks walked as 4 x 4 tiles: each tile's rays share a direction octant but
 // otherwise point anywhere (the 16 lanes part ways early and are deferred and
-// resumed in different groups), and in every third tile one ray of one row
-// leaves the octant, so that the tile goes row by row (and that row ray by
-// ray). Aligned (tile path) against offsets 4 and 8 (per-ray path).
+// resumed in different groups); in every third tile one ray leaves the
+// octant, and in the tiles after those every ray takes a random octant, so
+// that the tile is walked once per octant with the other lanes left alone
+// (the multiple-hit query walks rows of four the same way; with per-ray
+// origins, an octant of at most four rays is walked ray by ray after the
+// tile's results are stored). Aligned (tile path) against offsets 4 and 8
+// (per-ray path).
 TEST_F(Bunny, TilePath_DivergentTilesEqualThePerRayPath) {
     const rt::Scene& s = scene();
-    for (Q q : {Q::Eye, Q::PerOrigin, Q::Any}) {
+    for (Q q : {Q::Eye, Q::PerOrigin, Q::Multiple, Q::Any}) {
         vt::Rng rng(41 + int(q));
         rt::Rays r(16, 16);
         for (int tile = 0; tile < 16; ++tile) {
             const float sx = rng.below(2) ? 1.0f : -1.0f, sy = rng.below(2) ? 1.0f : -1.0f,
                         sz = rng.below(2) ? 1.0f : -1.0f;
             const int odd = tile % 3 == 0 ? rng.below(16) : -1;
+            const bool scattered = tile % 3 == 1;
             for (int k = 0; k < 16; ++k) {
                 const int i = (4 * (tile / 4) + k / 4) * 16 + 4 * (tile % 4) + k % 4;
                 const V3 o = q == Q::PerOrigin ? randomPoint(rng, 0.9f) : V3{0.05f, 0.1f, 0.0f};
                 V3 d = {sx * rng.uniform(0, 1), sy * rng.uniform(0, 1), sz * rng.uniform(0, 1)};
                 if (k == odd) d.y = -d.y;
+                if (scattered) d = randomDir(rng);
                 r.set(i, o.p(), (q == Q::Any ? 2.0f * d : d).p());
             }
         }
         int hits = 0;
         EXPECT_TRUE(vt::SameAcrossOffsets([&](std::size_t off) {
             auto limit = [](int i) { return i % 7 == 0 ? 1.0f : FLT_MAX; };
-            const rt::Out out = rt::run(q, s, r, limit, [](int i) { return i % 6 == 0 ? -5 : i % 3; }, 1, off);
+            const int depth = q == Q::Multiple ? 4 : 1;
+            const rt::Out out = rt::run(q, s, r, limit, [](int i) { return i % 6 == 0 ? -5 : i % 3; }, depth, off);
             hits = 0;
             for (int i = 0; i < r.n(); ++i) hits += out.tri[i] >= 0;
             return out.bytes();

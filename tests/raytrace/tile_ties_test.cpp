@@ -27,10 +27,11 @@ const rt::Scene& twinGrid() {
     return *sc;
 }
 
-// Rays from above at grid vertices, edge midpoints and cell centres; each
-// 4 x 4 tile aims into one quadrant around the eye at (4, 4, 5), so the
-// single-origin tiles share their signs; per-origin rays start anywhere
-// above the grid and their tiles often go row by row.
+// Rays from above at grid vertices, edge midpoints and cell centres; most
+// 4 x 4 tiles aim into one quadrant around the eye at (4, 4, 5), so the
+// single-origin tiles share their signs, while every fourth tile scatters its
+// rays over all four quadrants (walked once per quadrant); per-origin rays
+// start anywhere above the grid and their tiles mix quadrants as well.
 TEST(TilePath, TiesBetweenTwinTrianglesGoAsInThePerRayWalk) {
     const rt::Scene& s = twinGrid();
     ASSERT_FALSE(s.tree.empty());
@@ -38,8 +39,9 @@ TEST(TilePath, TiesBetweenTwinTrianglesGoAsInThePerRayWalk) {
         vt::Rng rng(7 + int(q));
         rt::Rays r(16, 16);
         for (int tile = 0; tile < 16; ++tile) {
-            const float qx = tile & 1 ? 1.0f : -1.0f, qy = tile & 2 ? 1.0f : -1.0f;
             for (int k = 0; k < 16; ++k) {
+                const int quadrant = tile % 4 == 3 ? rng.below(4) : tile;
+                const float qx = quadrant & 1 ? 1.0f : -1.0f, qy = quadrant & 2 ? 1.0f : -1.0f;
                 const int i = (4 * (tile / 4) + k / 4) * 16 + 4 * (tile % 4) + k % 4;
                 const float tx = 4.0f + qx * 0.5f * float(1 + rng.below(8));
                 const float ty = 4.0f + qy * 0.5f * float(1 + rng.below(8));
