@@ -493,149 +493,126 @@ OWN_LANE bool ownCubicTaps(int i0, int lo, int hi, int tap[4]) {
     return false;
 }
 
-// f(0), f(1), f(2), f(3) with the point number as a constant.
-template <class F>
-OWN_LANE void ownForFourPoints(F f) {
-    f(std::integral_constant<int, 0>());
-    f(std::integral_constant<int, 1>());
-    f(std::integral_constant<int, 2>());
-    f(std::integral_constant<int, 3>());
-}
-
-// The x sums of the four tap rows r[0..3] of point P, lane j for row j:
-// ((w0 v0 + w1 v1) + w2 v2) + w3 v3 with the taps v at xs[0..3]
-// (consecutive when contiguous). wx holds the x weights by tap (lane P for
-// this point), wxp the point's weights as lanes. Each row's four taps are
-// read as one vector, multiplied by the weights and the four products
-// transposed, so that the sums run lane-wise.
+// The four consecutive taps at a[p] of four points, as tap vectors: v[k]
+// holds tap k of the four points (lane p for point p). Float and 16u read
+// each point's four taps as one vector and transpose; 8u reads the sixteen
+// bytes into one register and spreads each tap over the lanes with one byte
+// shuffle.
 template <class T>
-struct OwnCubicRowSums {
-    static constexpr bool kByPoint = true;  // uses wxp
-    template <int P>
-    static OWN_LANE OwnF4 run(const T* const r[4], const int xs[4], bool contiguous, const OwnF4*, OwnF4 wxp) {
-        OwnF4 v[4];
-        if (contiguous) {
+struct OwnCubicQuads {
+    static OWN_LANE void load(const std::uint8_t* const a[4], OwnF4 v[4]) {
 #pragma GCC unroll 4
-            for (int j = 0; j < 4; ++j) v[j] = ownLoadAsFloat(r[j] + xs[0]);
-        } else {
-#pragma GCC unroll 4
-            for (int j = 0; j < 4; ++j)
-                v[j] = ownSetLanes(static_cast<float>(r[j][xs[0]]), static_cast<float>(r[j][xs[1]]),
-                                   static_cast<float>(r[j][xs[2]]), static_cast<float>(r[j][xs[3]]));
-        }
-        OwnF4 p0 = wxp * v[0], p1 = wxp * v[1], p2 = wxp * v[2], p3 = wxp * v[3];
-        ownTranspose(p0, p1, p2, p3);
-        return ((p0 + p1) + p2) + p3;
+        for (int p = 0; p < 4; ++p) v[p] = ownLoadAsFloat(reinterpret_cast<const T*>(a[p]));
+        ownTranspose(v[0], v[1], v[2], v[3]);
     }
 };
 template <>
-struct OwnCubicRowSums<std::uint8_t> {
-    // The sixteen bytes of the four rows in one register; one byte shuffle
-    // per tap gathers that tap of the four rows into the lanes, and the
-    // point's weight of the tap is broadcast.
-    static constexpr bool kByPoint = false;
-    template <int P>
-    static OWN_LANE OwnF4 run(const std::uint8_t* const r[4], const int xs[4], bool contiguous, const OwnF4* wx,
-                              OwnF4) {
+struct OwnCubicQuads<std::uint8_t> {
+    static OWN_LANE void load(const std::uint8_t* const a[4], OwnF4 v[4]) {
         std::int32_t q[4];
 #pragma GCC unroll 4
-        for (int j = 0; j < 4; ++j) {
-            if (contiguous) {
-                std::memcpy(&q[j], r[j] + xs[0], 4);
-            } else {
-                const std::uint8_t b[4] = {r[j][xs[0]], r[j][xs[1]], r[j][xs[2]], r[j][xs[3]]};
-                std::memcpy(&q[j], b, 4);
-            }
+        for (int p = 0; p < 4; ++p) std::memcpy(&q[p], a[p], 4);
+        const OwnW8 b = ownAsW8(ownSetLanes(q[0], q[1], q[2], q[3]));
+        const char z = -128;
+#pragma GCC unroll 4
+        for (int k = 0; k < 4; ++k) {
+            const char c = static_cast<char>(k);
+            v[k] = ownToFloat(ownShuffleBytes(b, ownSetBytes(c, z, z, z, c + 4, z, z, z, c + 8, z, z, z, c + 12, z, z, z)));
         }
-        const OwnW8 v = ownAsW8(ownSetLanes(q[0], q[1], q[2], q[3]));
-        auto tap = [v](char k) OWN_KERNEL {
-            const char z = -128;
-            const OwnI4 pick = ownSetBytes(k, z, z, z, k + 4, z, z, z, k + 8, z, z, z, k + 12, z, z, z);
-            return ownToFloat(ownShuffleBytes(v, pick));
-        };
-        return ((ownBroadcastLane<P>(wx[0]) * tap(0) + ownBroadcastLane<P>(wx[1]) * tap(1)) +
-                ownBroadcastLane<P>(wx[2]) * tap(2)) +
-               ownBroadcastLane<P>(wx[3]) * tap(3);
     }
 };
 
 // The cubic samples of four points, point p in lane p, from their lower
 // taps i0[axis] and fractions t[axis] (lanes; points inside the box, or
-// clamped into it). Per point: the x sums of the four rows of each plane
-// (OwnCubicRowSums), then (Dims 3) the y sums of the four planes; the last
-// axis's products and sum run for the four points at once after a
-// transpose. Every sum keeps the order of ownSampleCubic.
+// clamped into it). Every quantity is a vector over the four points: the
+// weights by tap (ownCubicWeights4), the x sums of each tap row, then the
+// y sums of each tap plane and (Dims 3) the z sum, each a four-tap sum in
+// the order of ownSampleCubic.
 //
-// When every tap of the four points lies inside the box without a clamp, a
-// point's rows are found from one byte offset, formed for the four points
-// as ownTapOffsets does for the linear kernels (the SSE path's sources fit
-// it: ownLinearSseFits).
+// When no tap of the four points is clamped, a point's tap row (y, z) starts
+// at its plane plus one byte offset, iy * step + ix * sizeof(T) for its
+// first taps, formed for the four points as ownTapOffsets does for the
+// linear kernels (the SSE path's sources fit it: ownLinearSseFits), plus
+// the row's distance from the first. Otherwise each point's taps are
+// clamped, and its tap rows found one by one; the x taps are read as one
+// vector per row unless a point's x taps are clamped.
 template <class T, int Dims, int Code>
 OWN_LANE OwnF4 ownSampleCubic4(const OwnSource<T>& s, const OwnI4 i0[3], const OwnF4 t[3]) {
-    OwnF4 wx[4], wy[4], wz[4];
-    ownCubicWeights4<Code>(t[0], wx);
-    ownCubicWeights4<Code>(t[1], wy);
-    if (Dims == 3) ownCubicWeights4<Code>(t[2], wz);
-    OwnF4 wxp[4] = {wx[0], wx[1], wx[2], wx[3]}, wyp[4] = {wy[0], wy[1], wy[2], wy[3]};
-    if (OwnCubicRowSums<T>::kByPoint) ownTranspose(wxp[0], wxp[1], wxp[2], wxp[3]);
-    if (Dims == 3) ownTranspose(wyp[0], wyp[1], wyp[2], wyp[3]);
+    OwnF4 w[3][4];
+#pragma GCC unroll 3
+    for (int ax = 0; ax < Dims; ++ax) ownCubicWeights4<Code>(t[ax], w[ax]);
+    auto sum = [](const OwnF4 v[4], const OwnF4 wt[4]) OWN_KERNEL {
+        return ownCubicSum(v[0], v[1], v[2], v[3], wt[0], wt[1], wt[2], wt[3]);
+    };
 
-    // Every tap inside: i0 - 1 >= lo and i0 + 2 <= hi on each axis.
+    // No clamp acts when i0 - 1 >= lo and i0 + 2 <= hi on each axis.
     OwnM4 inner(true);
 #pragma GCC unroll 3
     for (int ax = 0; ax < Dims; ++ax)
         inner = ownAnd(inner, ownAnd(ownNonNegative(i0[ax] - OwnI4(s.lo[ax] + 1)),
                                      ownNonNegative(OwnI4(s.hi[ax] - 2) - i0[ax])));
-    const bool allInner = ownMoveMask(inner) == 15;
-    std::int32_t ix[4], iy[4], iz[4] = {0, 0, 0, 0}, off[4];
-    if (allInner) {
+    std::int32_t iz[4] = {0, 0, 0, 0};
+    if (Dims == 3) ownStoreU(iz, i0[2]);
+    constexpr int kPlanes = Dims == 3 ? 4 : 1;
+    OwnF4 planeSum[4];
+    if (ownMoveMask(inner) == 15) {
+        std::int32_t off[4];
         ownStoreU(off, ownTapOffsets<T>(i0[0] - OwnI4(1), i0[1] - OwnI4(1), s.step));
+#pragma GCC unroll 4
+        for (int j = 0; j < kPlanes; ++j) {
+            const std::uint8_t* a[4];
+#pragma GCC unroll 4
+            for (int p = 0; p < 4; ++p)
+                a[p] = reinterpret_cast<const std::uint8_t*>(s.pPlanes[Dims == 3 ? iz[p] - 1 + j : 0]) + off[p];
+            OwnF4 rowSum[4];
+#pragma GCC unroll 4
+            for (int r = 0; r < 4; ++r) {
+                OwnF4 v[4];
+                OwnCubicQuads<T>::load(a, v);
+                rowSum[r] = sum(v, w[0]);
+#pragma GCC unroll 4
+                for (int p = 0; p < 4; ++p) a[p] += s.step;
+            }
+            planeSum[j] = sum(rowSum, w[1]);
+        }
     } else {
+        std::int32_t ix[4], iy[4];
         ownStoreU(ix, i0[0]);
         ownStoreU(iy, i0[1]);
+        int xs[4][4], ys[4][4], zs[4][4];
+        bool rowsWhole = true;  // every point's x taps consecutive
+#pragma GCC unroll 4
+        for (int p = 0; p < 4; ++p) {
+            rowsWhole = ownCubicTaps(ix[p], s.lo[0], s.hi[0], xs[p]) && rowsWhole;
+            ownCubicTaps(iy[p], s.lo[1], s.hi[1], ys[p]);
+            ownCubicTaps(iz[p], s.lo[2], s.hi[2], zs[p]);
+        }
+#pragma GCC unroll 4
+        for (int j = 0; j < kPlanes; ++j) {
+            OwnF4 rowSum[4];
+#pragma GCC unroll 4
+            for (int r = 0; r < 4; ++r) {
+                const T* row[4];
+#pragma GCC unroll 4
+                for (int p = 0; p < 4; ++p) row[p] = ownSourceRow(s, zs[p][j], ys[p][r]);
+                OwnF4 v[4];
+                if (rowsWhole) {
+                    const std::uint8_t* a[4];
+#pragma GCC unroll 4
+                    for (int p = 0; p < 4; ++p) a[p] = reinterpret_cast<const std::uint8_t*>(row[p] + xs[p][0]);
+                    OwnCubicQuads<T>::load(a, v);
+                } else {
+                    for (int p = 0; p < 4; ++p)
+                        v[p] = ownSetLanes(static_cast<float>(row[p][xs[p][0]]), static_cast<float>(row[p][xs[p][1]]),
+                                           static_cast<float>(row[p][xs[p][2]]), static_cast<float>(row[p][xs[p][3]]));
+                    ownTranspose(v[0], v[1], v[2], v[3]);
+                }
+                rowSum[r] = sum(v, w[0]);
+            }
+            planeSum[j] = sum(rowSum, w[1]);
+        }
     }
-    if (Dims == 3) ownStoreU(iz, i0[2]);
-
-    OwnF4 u[4];
-    ownForFourPoints([&](auto point) OWN_KERNEL {
-        constexpr int p = decltype(point)::value;
-        int xs[4] = {0, 0, 0, 0}, ys[4] = {0, 0, 0, 0}, zs[4] = {0, 0, 0, 0};
-        bool contiguous = true;
-        if (!allInner) {
-            contiguous = ownCubicTaps(ix[p], s.lo[0], s.hi[0], xs);
-            ownCubicTaps(iy[p], s.lo[1], s.hi[1], ys);
-        }
-        auto planeRows = [&](int z) OWN_KERNEL {
-            const T* r[4];
-            if (allInner) {
-                const std::uint8_t* base = reinterpret_cast<const std::uint8_t*>(s.pPlanes[z]) + off[p];
-#pragma GCC unroll 4
-                for (int j = 0; j < 4; ++j) r[j] = reinterpret_cast<const T*>(base + j * s.step);
-            } else {
-#pragma GCC unroll 4
-                for (int j = 0; j < 4; ++j) r[j] = ownSourceRow(s, z, ys[j]);
-            }
-            return OwnCubicRowSums<T>::template run<p>(r, xs, contiguous, wx, wxp[p]);
-        };
-        if (Dims == 2) {
-            u[p] = planeRows(0);
-        } else {
-            if (allInner) {
-#pragma GCC unroll 4
-                for (int j = 0; j < 4; ++j) zs[j] = iz[p] - 1 + j;
-            } else {
-                ownCubicTaps(iz[p], s.lo[2], s.hi[2], zs);
-            }
-            OwnF4 q0 = planeRows(zs[0]) * wyp[p], q1 = planeRows(zs[1]) * wyp[p], q2 = planeRows(zs[2]) * wyp[p],
-                  q3 = planeRows(zs[3]) * wyp[p];
-            ownTranspose(q0, q1, q2, q3);  // qj: the products of y tap j in the four planes
-            u[p] = ((q0 + q1) + q2) + q3;
-        }
-    });
-    // u[j]: the sums of the last axis's tap j of the four points.
-    ownTranspose(u[0], u[1], u[2], u[3]);
-    const OwnF4* w = Dims == 2 ? wy : wz;
-    return ((u[0] * w[0] + u[1] * w[1]) + u[2] * w[2]) + u[3] * w[3];
+    return Dims == 2 ? planeSum[0] : sum(planeSum, w[2]);
 }
 
 // ---------------------------------------------------------------------------
