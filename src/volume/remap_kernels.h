@@ -768,7 +768,11 @@ void ownRemapRowCubic(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
 // -0 becomes +0, which gives the same tap, the same weights (they depend on
 // |t|, 1 + t, 1 - t and 2 - t) and so the same result.
 template <class T, int Dims, int Code>
-void ownRemapRowCubicLanes(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
+void ownRemapRowCubicLanes(const OwnSource<T>& source, const OwnRemapRowArgs<T>& a) {
+    // A local copy: the stores of the row could alias the caller's record
+    // (8u stores alias everything), which would force a reload of every
+    // field per group.
+    const OwnSource<T> s = source;
     OwnF4 lo[3], hi[3];
     for (int ax = 0; ax < 3; ++ax) {
         lo[ax] = OwnF4(s.loF[ax]);
@@ -1095,7 +1099,8 @@ void ownWarpRowCubic(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
 // test in double, and outside lanes clamped into the box and not stored, as
 // in ownRemapRowCubicLanes.
 template <class T, int Dims, int Code>
-void ownWarpRowCubicLanes(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
+void ownWarpRowCubicLanes(const OwnSource<T>& source, const OwnWarpRowArgs<T>& a) {
+    const OwnSource<T> s = source;  // as in ownRemapRowCubicLanes
     const OwnBoxD box = ownBoxD(s);
     OwnD2 lo[3], hi[3];
     for (int ax = 0; ax < 3; ++ax) {
