@@ -326,6 +326,59 @@ TYPED_TEST(Resample, SinglePlaneRowsSplitBetweenThreadsGiveIdenticalBits) {
     }
 }
 
+// The vector cubic kernels take four points' weights in one go when every
+// fraction t = c - trunc(c) lies where 1 + t, t, 1 - t and 2 - t fall inside
+// their polynomial's range, and point by point otherwise. Fractions on and
+// around those limits (0, below and at 2^-53 where 2 - t rounds to 2, the
+// largest float below 1, and for the warp's double coordinates a fraction
+// that rounds to 1), mixed within groups of four with ordinary ones: the
+// vector path (offset 0) stores the bits of the scalar one (offsets 4, 8),
+// on a plane and on a volume.
+TYPED_TEST(Resample, CubicVectorPathMatchesScalarAtFractionEdges) {
+    using T = TypeParam;
+    const float fractions[] = {0.0f, 0x1p-60f, 0x1p-53f, std::nextafter(0x1p-53f, 1.0f), 0.5f, 0x1.fffffep-1f, 0.3f};
+    const double warpOffsets[] = {0.0, 1e-19, 0x1p-53, 1.0 - 1e-12, 0.375};
+    for (int depth : {1, 7}) {
+        vt::Rng rng(31);
+        Vol<T> src = vv::planarVol<T>(19, 13, depth);
+        vv::fillRandom(src, rng);
+        vv::sprinkleSpecials(src, rng);
+        const VekrCuboid sv{0, 0, 0, 19, 13, depth};
+        for (int code : {4, 5, 6, 7}) {
+            auto remapped = [&](std::size_t offset) {
+                Maps maps(16, 6, 3, offset);
+                int n = 0;
+                maps.fill([&](int x, int y, int z, float* p) {
+                    const int k = n++;
+                    p[0] = 2 + x + fractions[k % 7];
+                    p[1] = 1 + y + fractions[(k / 2) % 7];
+                    p[2] = depth == 1 ? 0.0f : z * 2 + fractions[(k / 3) % 7];
+                });
+                Vol<T> dst = vv::planarVol<T>(16, 6, 3, offset);
+                dst.fillCanary();
+                EXPECT_EQ(callRemap(src, sv, maps, dst, code), vekStatusOk);
+                EXPECT_FALSE(dst.canaryIntact());
+                return dst.bytes();
+            };
+            EXPECT_TRUE(vt::SameAcrossOffsets(remapped)) << "remap depth " << depth << " code " << code;
+            for (double ox : warpOffsets)
+                for (double oy : warpOffsets) {
+                    auto warped = [&](std::size_t offset) {
+                        // A shift: destination (x, y, z) samples (x + 1 + ox, y + 2 + oy, z).
+                        const Affine shift{{{1, 0, 0, -(1 + ox)}, {0, 1, 0, -(2 + oy)}, {0, 0, 1, 0}}};
+                        Vol<T> dst = vv::planarVol<T>(16, 8, depth, offset);
+                        dst.fillCanary();
+                        EXPECT_EQ(callWarp(src, sv, dst, VekrCuboid{0, 0, 0, 16, 8, depth}, shift, code), vekStatusOk);
+                        EXPECT_FALSE(dst.canaryIntact());
+                        return dst.bytes();
+                    };
+                    EXPECT_TRUE(vt::SameAcrossOffsets(warped))
+                        << "warp depth " << depth << " code " << code << " offsets " << ox << " " << oy;
+                }
+        }
+    }
+}
+
 // Checks come in the documented order and a failing call writes nothing.
 // The warp makes two singularity tests: the quick one on the coefficients
 // (before the interpolation code is looked at) and the determinant (last,
