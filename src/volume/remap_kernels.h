@@ -536,7 +536,9 @@ struct OwnCubicQuads<std::uint8_t> {
 // the row's distance from the first. Otherwise each point's taps are
 // clamped, and its tap rows found one by one; the x taps are read as one
 // vector per row unless a point's x taps are clamped.
-template <class T, int Dims, int Code>
+//
+// kNoClamp: the caller knows that no tap of the four points is clamped.
+template <class T, int Dims, int Code, bool kNoClamp = false>
 OWN_LANE OwnF4 ownSampleCubic4(const OwnSource<T>& s, const OwnI4 i0[3], const OwnF4 t[3]) {
     OwnF4 w[3][4];
 #pragma GCC unroll 3
@@ -548,7 +550,7 @@ OWN_LANE OwnF4 ownSampleCubic4(const OwnSource<T>& s, const OwnI4 i0[3], const O
     // No clamp acts when i0 - 1 >= lo and i0 + 2 <= hi on each axis.
     OwnM4 inner(true);
 #pragma GCC unroll 3
-    for (int ax = 0; ax < Dims; ++ax)
+    for (int ax = 0; ax < (kNoClamp ? 0 : Dims); ++ax)
         inner = ownAnd(inner, ownAnd(ownNonNegative(i0[ax] - OwnI4(s.lo[ax] + 1)),
                                      ownNonNegative(OwnI4(s.hi[ax] - 2) - i0[ax])));
     std::int32_t iz[4] = {0, 0, 0, 0};
@@ -1107,13 +1109,44 @@ void ownWarpRowCubicLanes(const OwnSource<T>& source, const OwnWarpRowArgs<T>& a
         lo[ax] = OwnD2(box.lo[ax]);
         hi[ax] = OwnD2(box.hi[ax]);
     }
+    // Points inside [lo + 1, hi - 2) on every axis lie in the box and have
+    // trunc(c) - 1 >= lo and trunc(c) + 2 <= hi: no test and no clamp. The
+    // walk is monotonic along each axis (see ownWarpRowLinearLanes), so such
+    // points come in runs; ownWarpSurelyInside counts, from the walk's
+    // current point, the points that surely belong to the run, and is asked
+    // again after a group that lay wholly inside the box.
+    OwnBoxD tapBox = box;
+    for (int ax = 0; ax < 3; ++ax) {
+        tapBox.lo[ax] = box.lo[ax] + 1.0;
+        tapBox.hi[ax] = box.hi[ax] - 2.0;
+    }
+    int sureEnd = 0;
+    bool lastInside = true;
     OwnWarpWalk4 walk(a.start, a.delta);
     OwnD2 c01[3], c23[3];
     for (int i = 0; i < a.count; i += 4) {
+        if (i >= sureEnd && lastInside) {
+            double c[3], d[3];
+            walk.point(c);
+            walk.deltas(d);
+            sureEnd = i + ownWarpSurelyInside(c, d, tapBox, Dims, a.count - i);
+        }
         if (Dims == 3)
             walk.next(c01, c23);
         else
             walk.nextXy(c01, c23);
+        OwnI4 i0[3] = {OwnI4(0), OwnI4(0), OwnI4(0)};
+        OwnF4 t[3] = {OwnF4(0.0f), OwnF4(0.0f), OwnF4(0.0f)};
+        if (i + 4 <= sureEnd) {
+#pragma GCC unroll 3
+            for (int ax = 0; ax < Dims; ++ax) {
+                const OwnI4 j01 = ownTruncToInt(c01[ax]), j23 = ownTruncToInt(c23[ax]);
+                i0[ax] = ownConcatLow(j01, j23);
+                t[ax] = ownNarrow(c01[ax] - ownToDouble2(j01), c23[ax] - ownToDouble2(j23));
+            }
+            ownStoreInterp4(a.pDst + i, ownSampleCubic4<T, Dims, Code, true>(s, i0, t));
+            continue;
+        }
         OwnMD2 in01(true), in23(true);
 #pragma GCC unroll 3
         for (int ax = 0; ax < Dims; ++ax) {
@@ -1121,9 +1154,8 @@ void ownWarpRowCubicLanes(const OwnSource<T>& source, const OwnWarpRowArgs<T>& a
             in23 = ownAnd(in23, ownAnd(c23[ax] >= lo[ax], c23[ax] <= hi[ax]));
         }
         const int mask = ownMoveMask(in01) | (ownMoveMask(in23) << 2);
+        lastInside = mask == 15;
         if (mask == 0) continue;
-        OwnI4 i0[3] = {OwnI4(0), OwnI4(0), OwnI4(0)};
-        OwnF4 t[3] = {OwnF4(0.0f), OwnF4(0.0f), OwnF4(0.0f)};
 #pragma GCC unroll 3
         for (int ax = 0; ax < Dims; ++ax) {
             const OwnD2 p01 = ownMin(ownMax(c01[ax], lo[ax]), hi[ax]), p23 = ownMin(ownMax(c23[ax], lo[ax]), hi[ax]);
