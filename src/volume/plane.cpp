@@ -34,6 +34,21 @@ bool ownPlaneSetup(VekrVolume srcVolume, VekrCuboid srcVoi, int interpolation, O
     return true;
 }
 
+// Thread count of the single-plane routines. Unlike the volume operations,
+// they split the rows of every destination plane (taken plane after plane)
+// between the library's threads, whatever the destination's depth; each row
+// is computed from its own start, so the split changes no result. A
+// destination below kOwnPlaneThreadVoxels voxels stays on the calling
+// thread: starting a team costs more than such a plane takes.
+constexpr long long kOwnPlaneThreadVoxels = 16384;
+
+int ownPlaneThreads(int width, int height, int depth) {
+    const long long voxels = static_cast<long long>(width) * height * depth;
+    if (voxels < kOwnPlaneThreadVoxels) return 1;
+    const int n = ownGetNumThreads();
+    return n > 1 ? n : 1;
+}
+
 }  // namespace
 
 template <class T>
@@ -48,7 +63,7 @@ VekStatus ownRemapPlane(const T* pSrc, VekrVolume srcVolume, int srcStep, VekrCu
     const bool sse = ownRemapUsesSse(pDst, maps, 2, dstStep, mapStep, dstVolume, src);
     const OwnRemapRowFn<T> kernel =
         sse ? OwnRemapKernels<T, 2, true>::table[setup.code] : OwnRemapKernels<T, 2, false>::table[setup.code];
-    const int threads = ownVolumeThreads(dstVolume.width, dstVolume.height, dstVolume.depth);
+    const int threads = ownPlaneThreads(dstVolume.width, dstVolume.height, dstVolume.depth);
     ownForEachRow_MT(dstVolume.depth, dstVolume.height, threads, [&](int z, int y) {
         OwnRemapRowArgs<T> row;
         row.pDst = ownOffsetRow(pDst[z], y, dstStep);
@@ -77,7 +92,7 @@ VekStatus ownWarpAffinePlane(const T* pSrc, VekrVolume srcVolume, int srcStep, V
 
     const T* const planes[1] = {pSrc};
     const OwnSource<T> src = ownMakeSource<T>(planes, srcStep, setup.lo, setup.hi);
-    const int threads = ownVolumeThreads(dstVoi.width, dstVoi.height, dstVoi.depth);
+    const int threads = ownPlaneThreads(dstVoi.width, dstVoi.height, dstVoi.depth);
     const bool sse = ownWarpUsesSse(pDst, dstStep, dstVoi, src);
     const OwnWarpRowFn<T> kernel =
         sse ? OwnWarpKernels<T, 2, true>::table[setup.code] : OwnWarpKernels<T, 2, false>::table[setup.code];

@@ -423,76 +423,198 @@ OWN_LANE OwnF4 ownCubicWeightsSse(const OwnCubicKernel& k, double t) {
     return ownNarrow(weight(a01), weight(a23));
 }
 
-// Sum of the lanes of v weighted by the lanes of w, in the order of
-// ownCubicSum: ((w0 v0 + w1 v1) + w2 v2) + w3 v3.
-OWN_LANE float ownCubicDot(OwnF4 v, OwnF4 w) { return ownSumLanes(w * v); }
+// ---------------------------------------------------------------------------
+// Cubic sampling of four points at a time (the SSE cubic kernels)
+// ---------------------------------------------------------------------------
 
-// The cubic weights of one axis broadcast to four vectors.
-struct OwnCubicWeights4 {
-    OwnF4 w0, w1, w2, w3;
-};
-OWN_LANE OwnCubicWeights4 ownSpreadWeights(OwnF4 w) {
-    return OwnCubicWeights4{ownBroadcastLane<0>(w), ownBroadcastLane<1>(w), ownBroadcastLane<2>(w),
-                            ownBroadcastLane<3>(w)};
+// ((c3 x^3 + c2 x^2) + c1 x) + c0 with x^2 = x x and x^3 = x^2 x, in double,
+// as ownCubicWeight. Without the linear term (c1 = 0, c0 != 0) the sum skips
+// the addition of c1 x = +0, which leaves every value unchanged (it only
+// turns -0 into +0, and adding c0 != 0 makes both the same).
+template <bool kLinear>
+OWN_LANE OwnD2 ownCubicPoly(OwnD2 x, double c3, double c2, double c1, double c0) {
+    const OwnD2 x2 = x * x;
+    const OwnD2 x3 = x2 * x;
+    const OwnD2 s = OwnD2(c3) * x3 + OwnD2(c2) * x2;
+    return (kLinear ? s + OwnD2(c1) * x : s) + OwnD2(c0);
 }
 
-// Sums along x of four rows, lane j for row j: each row's four x taps are
-// read as one vector (gathered when the box edge clamps them), the rows are
-// transposed so that vector j holds x tap j of the four rows, and the sums
-// run lane-wise in the order of ownCubicSum.
-template <class T>
-OWN_LANE OwnF4 ownCubicRows4(const T* r0, const T* r1, const T* r2, const T* r3, const int xs[4], bool contiguous,
-                             const OwnCubicWeights4& wx) {
-    OwnF4 a, b, c, d;
-    if (contiguous) {
-        a = ownLoadAsFloat(r0 + xs[0]), b = ownLoadAsFloat(r1 + xs[0]), c = ownLoadAsFloat(r2 + xs[0]),
-        d = ownLoadAsFloat(r3 + xs[0]);
-    } else {
-        auto gather = [xs](const T* r) OWN_KERNEL {
-            return ownSetLanes(static_cast<float>(r[xs[0]]), static_cast<float>(r[xs[1]]), static_cast<float>(r[xs[2]]),
-                               static_cast<float>(r[xs[3]]));
-        };
-        a = gather(r0), b = gather(r1), c = gather(r2), d = gather(r3);
+// The weights of four points for the rare fractions (see ownCubicWeights4),
+// point p's four in w[p]; kept out of line so as not to crowd the registers
+// of the usual case.
+__attribute__((noinline)) inline void ownCubicWeightsEach(const OwnCubicKernel& k, OwnF4 t, OwnF4 w[4]) {
+    float f[4];
+    ownStoreU(f, t);
+    for (int p = 0; p < 4; ++p) w[p] = ownCubicWeightsSse(k, static_cast<double>(f[p]));
+}
+
+// The cubic weights of four points along one axis for fractions t (lane p
+// for point p), by tap: w[j] holds the weight of tap j of the four points,
+// w(1 + t), w(t), w(1 - t) and w(2 - t) for j = 0 .. 3. In the usual case
+// every t lies in (0, 1) with 2 - t below 2 in double, so 1 + t and 2 - t
+// take the outer polynomial and t and 1 - t the inner one, and each tap's
+// weights are two double pairs. That case is 2^-53 < t < 1 for a float t:
+// 2 - t rounds to 2 exactly for t up to 2^-53 (a tie, which goes to the even
+// 2), and 1 + t stays below 2 for a float below 1. Otherwise (t = 0, or t so
+// close to 0 or 1 that an argument rounds onto 1 or 2) the points go through
+// ownCubicWeightsSse, which selects the polynomial per argument.
+template <int Code>
+OWN_LANE void ownCubicWeights4(OwnF4 t, OwnF4 w[4]) {
+    constexpr OwnCubicKernel k = kOwnCubicKernels[Code - vekrInterCubic];
+    if (ownMoveMask(ownAnd(OwnF4(0x1p-53f) < t, t < OwnF4(1.0f))) != 15) {
+        ownCubicWeightsEach(k, t, w);
+        ownTranspose(w[0], w[1], w[2], w[3]);
+        return;
     }
-    ownTranspose(a, b, c, d);
-    return ownCubicSum(a, b, c, d, wx.w0, wx.w1, wx.w2, wx.w3);
+    constexpr bool kInnerLinear = !(k.in1 == 0.0 && k.in0 != 0.0);
+    const OwnD4 td = ownWiden(t);
+    const OwnD2 t01 = ownLowPair(td), t23 = ownHighPair(td), one(1.0), two(2.0);
+    auto outer = [&k](OwnD2 x) OWN_KERNEL { return ownCubicPoly<true>(x, k.out3, k.out2, k.out1, k.out0); };
+    auto inner = [&k](OwnD2 x) OWN_KERNEL { return ownCubicPoly<kInnerLinear>(x, k.in3, k.in2, k.in1, k.in0); };
+    w[0] = ownNarrow(outer(one + t01), outer(one + t23));
+    w[1] = ownNarrow(inner(t01), inner(t23));
+    w[2] = ownNarrow(inner(one - t01), inner(one - t23));
+    w[3] = ownNarrow(outer(two - t01), outer(two - t23));
 }
 
-// ownSampleCubic with four sums at a time as lanes: the x sums of the four
-// rows of a plane (ownCubicRows4), then the y sums of the four planes after
-// a transpose, then the z sum (ownCubicDot); every sum in the scalar order.
-template <class T, int Dims, class C>
-OWN_LANE float ownSampleCubicSse(const OwnSource<T>& s, const OwnCubicKernel& k, C x, C y, C z) {
-    const C c[3] = {x, y, z};
-    int tap[3][4];
-    OwnF4 w[3];
-    bool contiguous = true;
-    for (int ax = 0; ax < Dims; ++ax) {
-        const int i0 = static_cast<int>(c[ax]);
-        w[ax] = ownCubicWeightsSse(k, static_cast<double>(static_cast<float>(c[ax] - static_cast<C>(i0))));
-        if (i0 - 1 >= s.lo[ax] && i0 + 2 <= s.hi[ax]) {
-            for (int j = 0; j < 4; ++j) tap[ax][j] = i0 - 1 + j;
-        } else {
-            for (int j = 0; j < 4; ++j) {
-                const int i = i0 - 1 + j;
-                tap[ax][j] = i < s.lo[ax] ? s.lo[ax] : (i > s.hi[ax] ? s.hi[ax] : i);
-            }
-            if (ax == 0) contiguous = false;
+// Taps i0 - 1 .. i0 + 2 along one axis, clamped to [lo, hi]; true when no
+// clamp acts (the taps are i0 - 1 + j).
+OWN_LANE bool ownCubicTaps(int i0, int lo, int hi, int tap[4]) {
+    if (i0 - 1 >= lo && i0 + 2 <= hi) {
+#pragma GCC unroll 4
+        for (int j = 0; j < 4; ++j) tap[j] = i0 - 1 + j;
+        return true;
+    }
+#pragma GCC unroll 4
+    for (int j = 0; j < 4; ++j) {
+        const int i = i0 - 1 + j;
+        tap[j] = i < lo ? lo : (i > hi ? hi : i);
+    }
+    return false;
+}
+
+// The four consecutive taps at a[p] of four points, as tap vectors: v[k]
+// holds tap k of the four points (lane p for point p). Float and 16u read
+// each point's four taps as one vector and transpose; 8u reads the sixteen
+// bytes into one register and spreads each tap over the lanes with one byte
+// shuffle.
+template <class T>
+struct OwnCubicQuads {
+    static OWN_LANE void load(const std::uint8_t* const a[4], OwnF4 v[4]) {
+#pragma GCC unroll 4
+        for (int p = 0; p < 4; ++p) v[p] = ownLoadAsFloat(reinterpret_cast<const T*>(a[p]));
+        ownTranspose(v[0], v[1], v[2], v[3]);
+    }
+};
+template <>
+struct OwnCubicQuads<std::uint8_t> {
+    static OWN_LANE void load(const std::uint8_t* const a[4], OwnF4 v[4]) {
+        std::int32_t q[4];
+#pragma GCC unroll 4
+        for (int p = 0; p < 4; ++p) std::memcpy(&q[p], a[p], 4);
+        const OwnW8 b = ownAsW8(ownSetLanes(q[0], q[1], q[2], q[3]));
+        const char z = -128;
+#pragma GCC unroll 4
+        for (int k = 0; k < 4; ++k) {
+            const char c = static_cast<char>(k);
+            v[k] = ownToFloat(ownShuffleBytes(b, ownSetBytes(c, z, z, z, c + 4, z, z, z, c + 8, z, z, z, c + 12, z, z, z)));
         }
     }
-    const OwnCubicWeights4 wx = ownSpreadWeights(w[0]);
-    // Called out of line for each plane. It hands back the raw register:
-    // on i386 a wrapper struct would be returned through memory.
-    auto plane = [&](int zi) {
-        return ownCubicRows4(ownSourceRow(s, zi, tap[1][0]), ownSourceRow(s, zi, tap[1][1]),
-                             ownSourceRow(s, zi, tap[1][2]), ownSourceRow(s, zi, tap[1][3]), tap[0], contiguous, wx)
-            .v;
+};
+
+// The cubic samples of four points, point p in lane p, from their lower
+// taps i0[axis] and fractions t[axis] (lanes; points inside the box, or
+// clamped into it). Every quantity is a vector over the four points: the
+// weights by tap (ownCubicWeights4), the x sums of each tap row, then the
+// y sums of each tap plane and (Dims 3) the z sum, each a four-tap sum in
+// the order of ownSampleCubic.
+//
+// When no tap of the four points is clamped, a point's tap row (y, z) starts
+// at its plane plus one byte offset, iy * step + ix * sizeof(T) for its
+// first taps, formed for the four points as ownTapOffsets does for the
+// linear kernels (the SSE path's sources fit it: ownLinearSseFits), plus
+// the row's distance from the first. Otherwise each point's taps are
+// clamped, and its tap rows found one by one; the x taps are read as one
+// vector per row unless a point's x taps are clamped.
+//
+// kNoClamp: the caller knows that no tap of the four points is clamped.
+template <class T, int Dims, int Code, bool kNoClamp = false>
+OWN_LANE OwnF4 ownSampleCubic4(const OwnSource<T>& s, const OwnI4 i0[3], const OwnF4 t[3]) {
+    OwnF4 w[3][4];
+#pragma GCC unroll 3
+    for (int ax = 0; ax < Dims; ++ax) ownCubicWeights4<Code>(t[ax], w[ax]);
+    auto sum = [](const OwnF4 v[4], const OwnF4 wt[4]) OWN_KERNEL {
+        return ownCubicSum(v[0], v[1], v[2], v[3], wt[0], wt[1], wt[2], wt[3]);
     };
-    if (Dims == 2) return ownCubicDot(plane(0), w[1]);
-    OwnF4 p0 = plane(tap[2][0]), p1 = plane(tap[2][1]), p2 = plane(tap[2][2]), p3 = plane(tap[2][3]);
-    ownTranspose(p0, p1, p2, p3);  // pj = the row sums of y tap j in the four planes
-    const OwnCubicWeights4 wy = ownSpreadWeights(w[1]);
-    return ownCubicDot(ownCubicSum(p0, p1, p2, p3, wy.w0, wy.w1, wy.w2, wy.w3), w[2]);
+
+    // No clamp acts when i0 - 1 >= lo and i0 + 2 <= hi on each axis.
+    OwnM4 inner(true);
+#pragma GCC unroll 3
+    for (int ax = 0; ax < (kNoClamp ? 0 : Dims); ++ax)
+        inner = ownAnd(inner, ownAnd(ownNonNegative(i0[ax] - OwnI4(s.lo[ax] + 1)),
+                                     ownNonNegative(OwnI4(s.hi[ax] - 2) - i0[ax])));
+    std::int32_t iz[4] = {0, 0, 0, 0};
+    if (Dims == 3) ownStoreU(iz, i0[2]);
+    constexpr int kPlanes = Dims == 3 ? 4 : 1;
+    OwnF4 planeSum[4];
+    if (ownMoveMask(inner) == 15) {
+        std::int32_t off[4];
+        ownStoreU(off, ownTapOffsets<T>(i0[0] - OwnI4(1), i0[1] - OwnI4(1), s.step));
+#pragma GCC unroll 4
+        for (int j = 0; j < kPlanes; ++j) {
+            const std::uint8_t* a[4];
+#pragma GCC unroll 4
+            for (int p = 0; p < 4; ++p)
+                a[p] = reinterpret_cast<const std::uint8_t*>(s.pPlanes[Dims == 3 ? iz[p] - 1 + j : 0]) + off[p];
+            OwnF4 rowSum[4];
+#pragma GCC unroll 4
+            for (int r = 0; r < 4; ++r) {
+                OwnF4 v[4];
+                OwnCubicQuads<T>::load(a, v);
+                rowSum[r] = sum(v, w[0]);
+#pragma GCC unroll 4
+                for (int p = 0; p < 4; ++p) a[p] += s.step;
+            }
+            planeSum[j] = sum(rowSum, w[1]);
+        }
+    } else {
+        std::int32_t ix[4], iy[4];
+        ownStoreU(ix, i0[0]);
+        ownStoreU(iy, i0[1]);
+        int xs[4][4], ys[4][4], zs[4][4];
+        bool rowsWhole = true;  // every point's x taps consecutive
+#pragma GCC unroll 4
+        for (int p = 0; p < 4; ++p) {
+            rowsWhole = ownCubicTaps(ix[p], s.lo[0], s.hi[0], xs[p]) && rowsWhole;
+            ownCubicTaps(iy[p], s.lo[1], s.hi[1], ys[p]);
+            ownCubicTaps(iz[p], s.lo[2], s.hi[2], zs[p]);
+        }
+#pragma GCC unroll 4
+        for (int j = 0; j < kPlanes; ++j) {
+            OwnF4 rowSum[4];
+#pragma GCC unroll 4
+            for (int r = 0; r < 4; ++r) {
+                const T* row[4];
+#pragma GCC unroll 4
+                for (int p = 0; p < 4; ++p) row[p] = ownSourceRow(s, zs[p][j], ys[p][r]);
+                OwnF4 v[4];
+                if (rowsWhole) {
+                    const std::uint8_t* a[4];
+#pragma GCC unroll 4
+                    for (int p = 0; p < 4; ++p) a[p] = reinterpret_cast<const std::uint8_t*>(row[p] + xs[p][0]);
+                    OwnCubicQuads<T>::load(a, v);
+                } else {
+                    for (int p = 0; p < 4; ++p)
+                        v[p] = ownSetLanes(static_cast<float>(row[p][xs[p][0]]), static_cast<float>(row[p][xs[p][1]]),
+                                           static_cast<float>(row[p][xs[p][2]]), static_cast<float>(row[p][xs[p][3]]));
+                    ownTranspose(v[0], v[1], v[2], v[3]);
+                }
+                rowSum[r] = sum(v, w[0]);
+            }
+            planeSum[j] = sum(rowSum, w[1]);
+        }
+    }
+    return Dims == 2 ? planeSum[0] : sum(planeSum, w[2]);
 }
 
 // ---------------------------------------------------------------------------
@@ -631,14 +753,48 @@ void ownRemapRowLinearSse(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
         ownRemapRowLinearLanes<T, Dims, false>(s, a);
 }
 
-template <class T, int Dims, int Code, bool Sse>
+template <class T, int Dims, int Code>
 void ownRemapRowCubic(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
     const OwnCubicKernel& k = ownCubicKernel(Code);
     for (int i = 0; i < a.width; ++i) {
         const float c[3] = {a.px[i], a.py[i], Dims == 3 ? a.pz[i] : 0.0f};
         if (!ownInsideBox<Dims>(c, s.loF, s.hiF)) continue;
-        a.pDst[i] = ownStoreInterp<T>(Sse ? ownSampleCubicSse<T, Dims>(s, k, c[0], c[1], c[2])
-                                          : ownSampleCubic<T, Dims>(s, k, c[0], c[1], c[2]));
+        a.pDst[i] = ownStoreInterp<T>(ownSampleCubic<T, Dims>(s, k, c[0], c[1], c[2]));
+    }
+}
+
+// The SSE form of ownRemapRowCubic (rows of a multiple of 4 voxels, aligned
+// map rows): four map points at a time. Lanes outside the box are clamped
+// into it (NaN to the lower bound) so that their taps can be read, and are
+// not stored; an inside coordinate is unchanged by the clamp, except that
+// -0 becomes +0, which gives the same tap, the same weights (they depend on
+// |t|, 1 + t, 1 - t and 2 - t) and so the same result.
+template <class T, int Dims, int Code>
+void ownRemapRowCubicLanes(const OwnSource<T>& source, const OwnRemapRowArgs<T>& a) {
+    // A local copy: the stores of the row could alias the caller's record
+    // (8u stores alias everything), which would force a reload of every
+    // field per group.
+    const OwnSource<T> s = source;
+    OwnF4 lo[3], hi[3];
+    for (int ax = 0; ax < 3; ++ax) {
+        lo[ax] = OwnF4(s.loF[ax]);
+        hi[ax] = OwnF4(s.hiF[ax]);
+    }
+    for (int i = 0; i < a.width; i += 4) {
+        const OwnF4 c[3] = {ownLoadA(a.px + i), ownLoadA(a.py + i), Dims == 3 ? ownLoadA(a.pz + i) : OwnF4(0.0f)};
+        OwnM4 inside = ownAnd(ownAnd(c[0] >= lo[0], c[0] <= hi[0]), ownAnd(c[1] >= lo[1], c[1] <= hi[1]));
+        if (Dims == 3) inside = ownAnd(inside, ownAnd(c[2] >= lo[2], c[2] <= hi[2]));
+        const int mask = ownMoveMask(inside);
+        if (mask == 0) continue;
+        OwnI4 i0[3] = {OwnI4(0), OwnI4(0), OwnI4(0)};
+        OwnF4 t[3] = {OwnF4(0.0f), OwnF4(0.0f), OwnF4(0.0f)};
+#pragma GCC unroll 3
+        for (int ax = 0; ax < Dims; ++ax) {
+            const OwnF4 cc = ownMin(ownMax(c[ax], lo[ax]), hi[ax]);
+            i0[ax] = ownTruncToInt(cc);
+            t[ax] = cc - ownToFloat(i0[ax]);
+        }
+        ownStoreLanes(a.pDst + i, ownSampleCubic4<T, Dims, Code>(s, i0, t), mask);
     }
 }
 
@@ -651,10 +807,11 @@ struct OwnRemapKernels {
         Sse ? ownRemapRowNearestSse<T, Dims> : ownRemapRowNearest<T, Dims>,
         Sse ? ownRemapRowLinearSse<T, Dims> : ownRemapRowLinear<T, Dims>,
         nullptr,
-        ownRemapRowCubic<T, Dims, vekrInterCubic, Sse>,
-        ownRemapRowCubic<T, Dims, vekrInterCubicBSpline, Sse>,
-        ownRemapRowCubic<T, Dims, vekrInterCubicCatmullRom, Sse>,
-        ownRemapRowCubic<T, Dims, vekrInterCubicB05C03, Sse>,
+        Sse ? ownRemapRowCubicLanes<T, Dims, vekrInterCubic> : ownRemapRowCubic<T, Dims, vekrInterCubic>,
+        Sse ? ownRemapRowCubicLanes<T, Dims, vekrInterCubicBSpline> : ownRemapRowCubic<T, Dims, vekrInterCubicBSpline>,
+        Sse ? ownRemapRowCubicLanes<T, Dims, vekrInterCubicCatmullRom>
+            : ownRemapRowCubic<T, Dims, vekrInterCubicCatmullRom>,
+        Sse ? ownRemapRowCubicLanes<T, Dims, vekrInterCubicB05C03> : ownRemapRowCubic<T, Dims, vekrInterCubicB05C03>,
     };
 };
 
@@ -932,13 +1089,82 @@ void ownWarpRowLinearSse(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
         ownWarpRowLinearLanes<T, Dims, false>(s, a);
 }
 
-template <class T, int Dims, int Code, bool Sse>
+template <class T, int Dims, int Code>
 void ownWarpRowCubic(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
     const OwnCubicKernel& k = ownCubicKernel(Code);
-    ownWarpWalk<T, Dims>(s, a, [&](const double* c) {
-        return ownStoreInterp<T>(Sse ? ownSampleCubicSse<T, Dims>(s, k, c[0], c[1], c[2])
-                                     : ownSampleCubic<T, Dims>(s, k, c[0], c[1], c[2]));
-    });
+    ownWarpWalk<T, Dims>(s, a,
+                         [&](const double* c) { return ownStoreInterp<T>(ownSampleCubic<T, Dims>(s, k, c[0], c[1], c[2])); });
+}
+
+// The SSE form of ownWarpRowCubic (rows of a multiple of 4 voxels): the
+// walk four points at a time (OwnWarpWalk4, the same additions), the inside
+// test in double, and outside lanes clamped into the box and not stored, as
+// in ownRemapRowCubicLanes.
+template <class T, int Dims, int Code>
+void ownWarpRowCubicLanes(const OwnSource<T>& source, const OwnWarpRowArgs<T>& a) {
+    const OwnSource<T> s = source;  // as in ownRemapRowCubicLanes
+    const OwnBoxD box = ownBoxD(s);
+    OwnD2 lo[3], hi[3];
+    for (int ax = 0; ax < 3; ++ax) {
+        lo[ax] = OwnD2(box.lo[ax]);
+        hi[ax] = OwnD2(box.hi[ax]);
+    }
+    // Points inside [lo + 1, hi - 2) on every axis lie in the box and have
+    // trunc(c) - 1 >= lo and trunc(c) + 2 <= hi: no test and no clamp. The
+    // walk is monotonic along each axis (see ownWarpRowLinearLanes), so such
+    // points come in runs; ownWarpSurelyInside counts, from the walk's
+    // current point, the points that surely belong to the run, and is asked
+    // again after a group that lay wholly inside the box.
+    OwnBoxD tapBox = box;
+    for (int ax = 0; ax < 3; ++ax) {
+        tapBox.lo[ax] = box.lo[ax] + 1.0;
+        tapBox.hi[ax] = box.hi[ax] - 2.0;
+    }
+    int sureEnd = 0;
+    bool lastInside = true;
+    OwnWarpWalk4 walk(a.start, a.delta);
+    OwnD2 c01[3], c23[3];
+    for (int i = 0; i < a.count; i += 4) {
+        if (i >= sureEnd && lastInside) {
+            double c[3], d[3];
+            walk.point(c);
+            walk.deltas(d);
+            sureEnd = i + ownWarpSurelyInside(c, d, tapBox, Dims, a.count - i);
+        }
+        if (Dims == 3)
+            walk.next(c01, c23);
+        else
+            walk.nextXy(c01, c23);
+        OwnI4 i0[3] = {OwnI4(0), OwnI4(0), OwnI4(0)};
+        OwnF4 t[3] = {OwnF4(0.0f), OwnF4(0.0f), OwnF4(0.0f)};
+        if (i + 4 <= sureEnd) {
+#pragma GCC unroll 3
+            for (int ax = 0; ax < Dims; ++ax) {
+                const OwnI4 j01 = ownTruncToInt(c01[ax]), j23 = ownTruncToInt(c23[ax]);
+                i0[ax] = ownConcatLow(j01, j23);
+                t[ax] = ownNarrow(c01[ax] - ownToDouble2(j01), c23[ax] - ownToDouble2(j23));
+            }
+            ownStoreInterp4(a.pDst + i, ownSampleCubic4<T, Dims, Code, true>(s, i0, t));
+            continue;
+        }
+        OwnMD2 in01(true), in23(true);
+#pragma GCC unroll 3
+        for (int ax = 0; ax < Dims; ++ax) {
+            in01 = ownAnd(in01, ownAnd(c01[ax] >= lo[ax], c01[ax] <= hi[ax]));
+            in23 = ownAnd(in23, ownAnd(c23[ax] >= lo[ax], c23[ax] <= hi[ax]));
+        }
+        const int mask = ownMoveMask(in01) | (ownMoveMask(in23) << 2);
+        lastInside = mask == 15;
+        if (mask == 0) continue;
+#pragma GCC unroll 3
+        for (int ax = 0; ax < Dims; ++ax) {
+            const OwnD2 p01 = ownMin(ownMax(c01[ax], lo[ax]), hi[ax]), p23 = ownMin(ownMax(c23[ax], lo[ax]), hi[ax]);
+            const OwnI4 j01 = ownTruncToInt(p01), j23 = ownTruncToInt(p23);
+            i0[ax] = ownConcatLow(j01, j23);
+            t[ax] = ownNarrow(p01 - ownToDouble2(j01), p23 - ownToDouble2(j23));
+        }
+        ownStoreLanes(a.pDst + i, ownSampleCubic4<T, Dims, Code>(s, i0, t), mask);
+    }
 }
 
 template <class T, int Dims, bool Sse>
@@ -948,10 +1174,10 @@ struct OwnWarpKernels {
         ownWarpRowNearest<T, Dims>,
         Sse ? ownWarpRowLinearSse<T, Dims> : ownWarpRowLinear<T, Dims>,
         nullptr,
-        ownWarpRowCubic<T, Dims, vekrInterCubic, Sse>,
-        ownWarpRowCubic<T, Dims, vekrInterCubicBSpline, Sse>,
-        ownWarpRowCubic<T, Dims, vekrInterCubicCatmullRom, Sse>,
-        ownWarpRowCubic<T, Dims, vekrInterCubicB05C03, Sse>,
+        Sse ? ownWarpRowCubicLanes<T, Dims, vekrInterCubic> : ownWarpRowCubic<T, Dims, vekrInterCubic>,
+        Sse ? ownWarpRowCubicLanes<T, Dims, vekrInterCubicBSpline> : ownWarpRowCubic<T, Dims, vekrInterCubicBSpline>,
+        Sse ? ownWarpRowCubicLanes<T, Dims, vekrInterCubicCatmullRom> : ownWarpRowCubic<T, Dims, vekrInterCubicCatmullRom>,
+        Sse ? ownWarpRowCubicLanes<T, Dims, vekrInterCubicB05C03> : ownWarpRowCubic<T, Dims, vekrInterCubicB05C03>,
     };
 };
 

@@ -267,6 +267,118 @@ TYPED_TEST(Resample, PathsThreadsAndPlaneLayoutsGiveIdenticalBits) {
     }
 }
 
+// A source one plane deep splits the destination rows between the threads
+// whatever the destination's depth. Destinations large enough to be split,
+// on the vector path (rows a multiple of 4 voxels, aligned rows and maps) and
+// on the scalar one (odd widths and heights, steps and starts off 16-byte
+// boundaries, two planes), from a source of odd size whose row step is no
+// multiple of 16 bytes: 1, 2 and 3 threads store the same bytes, padding
+// included.
+TYPED_TEST(Resample, SinglePlaneRowsSplitBetweenThreadsGiveIdenticalBits) {
+    using T = TypeParam;
+    vt::Rng rng(21);
+    Vol<T> src(97, 83, 1, 2 * sizeof(T) % 16, 4);
+    vv::fillRandom(src, rng);
+    vv::sprinkleSpecials(src, rng);
+    const VekrCuboid sv{2, 1, 0, 93, 90, 1};
+    const Affine a = rotated(0.3, 1.4, 4.0, -6.0, 0.0);
+    struct Layout {
+        int w, h, d;
+        std::size_t offset;
+        int padX;
+    } layouts[] = {{132, 131, 1, 0, 0}, {131, 127, 2, 4, 1}};
+    for (const Layout& l : layouts) {
+        const VekrCuboid dv{l.offset ? 1 : 0, 2, 0, l.w - (l.offset ? 1 : 0), l.h - 3, l.d};
+        std::vector<Vol<float>> maps;
+        for (int m = 0; m < 3; ++m) maps.emplace_back(l.w, l.h, l.d, l.offset, l.padX);
+        vv::forEachVoxel(l.w, l.h, l.d, [&](int x, int y, int z) {
+            double p[3];
+            a.source(x, y, z, p);
+            maps[0].at(x, y, z) = static_cast<float>(p[0] + 0.5 * std::sin(0.2 * y));
+            maps[1].at(x, y, z) = static_cast<float>(p[1]);
+            maps[2].at(x, y, z) = NAN;  // not read for a plane source
+        });
+        for (Op op : {Op::Remap, Op::Warp})
+            for (int code : kCodes) {
+                auto result = [&](int threads) {
+                    vv::ThreadCount tc(threads);
+                    Vol<T> dst(l.w, l.h, l.d, l.offset, l.padX);
+                    dst.fillCanary();
+                    const VekStatus st =
+                        op == Op::Warp
+                            ? callWarp(src, sv, dst, dv, a, code)
+                            : vv::pick<T>(vekrRemap_8u_C1PV, vekrRemap_16u_C1PV, vekrRemap_32f_C1PV)(
+                                  src.cplanes(), src.size(), src.step, sv, maps[0].cplanes(), maps[1].cplanes(),
+                                  maps[2].cplanes(), maps[0].step, dst.planes(), dst.step, dst.size(), code);
+                    EXPECT_EQ(st, vekStatusOk);
+                    return dst;
+                };
+                const Vol<T> one = result(1);
+                int written = 0;
+                vv::forEachVoxel(l.w, l.h, l.d,
+                                 [&](int x, int y, int z) { written += !vt::CanaryIntact(&one.at(x, y, z), 1); });
+                const std::string what = std::string(name(op)) + " code " + std::to_string(code) + " width " +
+                                         std::to_string(l.w);
+                EXPECT_GT(written, l.w * l.h * l.d / 3) << what;
+                EXPECT_TRUE(vt::SameBits(one.bytes(), result(2).bytes())) << what;
+                EXPECT_TRUE(vt::SameBits(one.bytes(), result(3).bytes())) << what;
+            }
+    }
+}
+
+// The vector cubic kernels take four points' weights in one go when every
+// fraction t = c - trunc(c) lies where 1 + t, t, 1 - t and 2 - t fall inside
+// their polynomial's range, and point by point otherwise. Fractions on and
+// around those limits (0, below and at 2^-53 where 2 - t rounds to 2, the
+// largest float below 1, and for the warp's double coordinates a fraction
+// that rounds to 1), mixed within groups of four with ordinary ones: the
+// vector path (offset 0) stores the bits of the scalar one (offsets 4, 8),
+// on a plane and on a volume.
+TYPED_TEST(Resample, CubicVectorPathMatchesScalarAtFractionEdges) {
+    using T = TypeParam;
+    const float fractions[] = {0.0f, 0x1p-60f, 0x1p-53f, std::nextafter(0x1p-53f, 1.0f), 0.5f, 0x1.fffffep-1f, 0.3f};
+    const double warpOffsets[] = {0.0, 1e-19, 0x1p-53, 1.0 - 1e-12, 0.375};
+    for (int depth : {1, 7}) {
+        vt::Rng rng(31);
+        Vol<T> src = vv::planarVol<T>(19, 13, depth);
+        vv::fillRandom(src, rng);
+        vv::sprinkleSpecials(src, rng);
+        const VekrCuboid sv{0, 0, 0, 19, 13, depth};
+        for (int code : {4, 5, 6, 7}) {
+            auto remapped = [&](std::size_t offset) {
+                Maps maps(16, 6, 3, offset);
+                int n = 0;
+                maps.fill([&](int x, int y, int z, float* p) {
+                    const int k = n++;
+                    p[0] = 2 + x + fractions[k % 7];
+                    p[1] = 1 + y + fractions[(k / 2) % 7];
+                    p[2] = depth == 1 ? 0.0f : z * 2 + fractions[(k / 3) % 7];
+                });
+                Vol<T> dst = vv::planarVol<T>(16, 6, 3, offset);
+                dst.fillCanary();
+                EXPECT_EQ(callRemap(src, sv, maps, dst, code), vekStatusOk);
+                EXPECT_FALSE(dst.canaryIntact());
+                return dst.bytes();
+            };
+            EXPECT_TRUE(vt::SameAcrossOffsets(remapped)) << "remap depth " << depth << " code " << code;
+            for (double ox : warpOffsets)
+                for (double oy : warpOffsets) {
+                    auto warped = [&](std::size_t offset) {
+                        // A shift: destination (x, y, z) samples (x + 1 + ox, y + 2 + oy, z).
+                        const Affine shift{{{1, 0, 0, -(1 + ox)}, {0, 1, 0, -(2 + oy)}, {0, 0, 1, 0}}};
+                        Vol<T> dst = vv::planarVol<T>(16, 8, depth, offset);
+                        dst.fillCanary();
+                        EXPECT_EQ(callWarp(src, sv, dst, VekrCuboid{0, 0, 0, 16, 8, depth}, shift, code), vekStatusOk);
+                        EXPECT_FALSE(dst.canaryIntact());
+                        return dst.bytes();
+                    };
+                    EXPECT_TRUE(vt::SameAcrossOffsets(warped))
+                        << "warp depth " << depth << " code " << code << " offsets " << ox << " " << oy;
+                }
+        }
+    }
+}
+
 // Checks come in the documented order and a failing call writes nothing.
 // The warp makes two singularity tests: the quick one on the coefficients
 // (before the interpolation code is looked at) and the determinant (last,
