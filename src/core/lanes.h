@@ -358,6 +358,19 @@ OWN_LANE void ownStoreNarrow(std::uint16_t* p, OwnI4 x) {
     const __m128i i16 = _mm_xor_si128(_mm_packs_epi32(i32, i32), _mm_set1_epi16(-32768));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(p), i16);
 }
+// Sixteen int32 in [0, 255] narrowed to sixteen bytes, and eight in
+// [0, 65535] to eight uint16, as one 16-byte vector (the packs of
+// ownStoreNarrow, a whole register at a time); float bits unchanged. The
+// result goes out through ownStoreU / ownStream on std::int32_t*.
+OWN_LANE OwnI4 ownNarrowU8(OwnI4 a, OwnI4 b, OwnI4 c, OwnI4 d) {
+    return OwnI4(_mm_packus_epi16(_mm_packs_epi32(a.v, b.v), _mm_packs_epi32(c.v, d.v)));
+}
+OWN_LANE OwnI4 ownNarrowU16(OwnI4 a, OwnI4 b) {
+    const __m128i bias = _mm_set1_epi32(32768);
+    const __m128i lo = _mm_sub_epi32(a.v, bias), hi = _mm_sub_epi32(b.v, bias);
+    return OwnI4(_mm_xor_si128(_mm_packs_epi32(lo, hi), _mm_set1_epi16(-32768)));
+}
+OWN_LANE OwnI4 ownFloatBits(OwnF4 x) { return OwnI4(_mm_castps_si128(x.v)); }
 
 // ---------------------------------------------------------------------------
 // Two-double lanes: arithmetic, comparisons and conversions of OwnD2.

@@ -489,54 +489,37 @@ struct OwnRowCombiner {
 };
 
 // Integer results leave in whole 16-byte stores: sixteen 8u or eight 16u
-// voxels packed from four or two vectors (the same per-lane rounding and
-// clamping as ownStoreInterp4, which then only serves the last few groups).
-// The rounding and clamping of ownRoundClamp. kInRange: the sum is known to
-// lie in [0, kMax] (up to a few float roundings), so the clamps cannot change
-// v and are left out. That holds for the linear codes on 8u and 16u: every
-// value is a blend of two values with the non-negative weights 1 - t and t,
-// which sum to 1 up to one rounding, starting from voxels in [0, kMax]; three
-// blends (x, y, z) stay below kMax * (1 + 2^-20), so v = sum + 0.5000001 lies
-// in [0.5, kMax + 0.51), truncates into [0, kMax], and is never NaN.
-template <int kMax, bool kInRange>
-OWN_LANE OwnI4 ownRoundClampBlock(OwnF4 sum) {
-    if (!kInRange) return ownRoundClamp<kMax>(sum);
-    return ownTruncToInt(sum + OwnF4(0.5000001f));
+// voxels packed from four or two vectors, each lane rounded and clamped by
+// ownRoundClamp as ownStoreInterp4 does (which then only serves the last few
+// groups). The clamps stay even for the linear codes, whose blends of values
+// in range stay in range: a NaN or infinite shift makes the weights NaN, and
+// the clamp is what sends such a sum to the value the scalar rule gives.
+template <class G>
+OWN_LANE OwnI4 ownPackBlock(std::uint8_t*, G&& sum) {
+    return ownNarrowU8(ownRoundClamp<255>(sum(0)), ownRoundClamp<255>(sum(4)), ownRoundClamp<255>(sum(8)),
+                       ownRoundClamp<255>(sum(12)));
 }
-
-template <bool kInRange, class G>
-OWN_LANE __m128i ownPackBlock(std::uint8_t*, G&& sum) {
-    const __m128i lo =
-        _mm_packs_epi32(ownRoundClampBlock<255, kInRange>(sum(0)).v, ownRoundClampBlock<255, kInRange>(sum(4)).v);
-    const __m128i hi =
-        _mm_packs_epi32(ownRoundClampBlock<255, kInRange>(sum(8)).v, ownRoundClampBlock<255, kInRange>(sum(12)).v);
-    return _mm_packus_epi16(lo, hi);
+template <class G>
+OWN_LANE OwnI4 ownPackBlock(std::uint16_t*, G&& sum) {
+    return ownNarrowU16(ownRoundClamp<65535>(sum(0)), ownRoundClamp<65535>(sum(4)));
 }
-template <bool kInRange, class G>
-OWN_LANE __m128i ownPackBlock(std::uint16_t*, G&& sum) {
-    // 0..65535 does not fit the signed pack: biased by -32768, packed, and
-    // the bias flipped back (as ownStoreNarrow does).
-    const __m128i bias = _mm_set1_epi32(32768);
-    const __m128i lo = _mm_sub_epi32(ownRoundClampBlock<65535, kInRange>(sum(0)).v, bias);
-    const __m128i hi = _mm_sub_epi32(ownRoundClampBlock<65535, kInRange>(sum(4)).v, bias);
-    return _mm_xor_si128(_mm_packs_epi32(lo, hi), _mm_set1_epi16(-32768));
-}
-template <bool kInRange, class G>
-OWN_LANE __m128i ownPackBlock(float*, G&& sum) {
-    return _mm_castps_si128(sum(0).v);
+template <class G>
+OWN_LANE OwnI4 ownPackBlock(float*, G&& sum) {
+    return ownFloatBits(sum(0));
 }
 
 // A large destination is written with non-temporal stores where its row is
 // 16-byte aligned: it would not stay in the cache anyway, and the stores
 // skip reading the lines before overwriting them. Float bits are moved
 // unchanged either way. sum(j) gives the four results from p + j on.
-template <bool kStream, int kTaps, class TOut, class G>
+template <bool kStream, class TOut, class G>
 OWN_LANE void ownStoreBlock(TOut* p, G&& sum) {
-    const __m128i v = ownPackBlock<kTaps == 2>(p, sum);
+    const OwnI4 v = ownPackBlock(p, sum);
+    std::int32_t* const q = reinterpret_cast<std::int32_t*>(p);
     if (kStream)
-        _mm_stream_si128(reinterpret_cast<__m128i*>(p), v);
+        ownStream(q, v);
     else
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v);
+        ownStoreU(q, v);
 }
 
 // Destination regions of at least this many bytes are streamed (see above):
@@ -563,7 +546,7 @@ OWN_LANE void ownCombineVector(const float* const* rows, const float* w, TOut* o
     int i = 0;
     ownWithStream(stream, out, [&](auto streamed) OWN_KERNEL {
         for (; i + kBlock <= n; i += kBlock)
-            ownStoreBlock<decltype(streamed)::value, kTaps>(out + i, [&](int j) OWN_KERNEL { return group(i + j); });
+            ownStoreBlock<decltype(streamed)::value>(out + i, [&](int j) OWN_KERNEL { return group(i + j); });
     });
     for (; i + 4 <= n; i += 4) ownStoreInterp4(out + i, group(i));
     ownCombineScalar<kTaps>(rows, w, out, i, n);
@@ -640,7 +623,7 @@ inline void ownCombineYZ(const float* const (*rows)[kTaps], const float* wy, con
         };
         ownWithStream(stream, out, [&](auto streamed) OWN_KERNEL {
             for (; i + kBlock <= n; i += kBlock)
-                ownStoreBlock<decltype(streamed)::value, kTaps>(out + i, [&](int j) OWN_KERNEL { return group(i + j); });
+                ownStoreBlock<decltype(streamed)::value>(out + i, [&](int j) OWN_KERNEL { return group(i + j); });
         });
         for (; i + 4 <= n; i += 4) ownStoreInterp4(out + i, group(i));
     }
