@@ -302,6 +302,21 @@ OWN_LANE OwnI4 ownSetLanes(std::int32_t x0, std::int32_t x1, std::int32_t x2, st
 // x in lane 0, zeros elsewhere; and lane 0 back.
 OWN_LANE OwnI4 ownInLane0(std::int32_t x) { return OwnI4(_mm_cvtsi32_si128(x)); }
 OWN_LANE std::int32_t ownLane0(OwnI4 x) { return _mm_cvtsi128_si32(x.v); }
+// The four lanes of x as unsigned 32-bit values. On x86-64 two 64-bit moves
+// to general registers, each split by a shift, so that the values can index
+// memory straight from registers; on i386 a store and four loads.
+OWN_LANE void ownLanesU32(OwnI4 x, std::uint32_t out[4]) {
+#if defined(__x86_64__)
+    const std::uint64_t lo = static_cast<std::uint64_t>(_mm_cvtsi128_si64(x.v));
+    const std::uint64_t hi = static_cast<std::uint64_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(x.v, x.v)));
+    out[0] = static_cast<std::uint32_t>(lo);
+    out[1] = static_cast<std::uint32_t>(lo >> 32);
+    out[2] = static_cast<std::uint32_t>(hi);
+    out[3] = static_cast<std::uint32_t>(hi >> 32);
+#else
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), x.v);
+#endif
+}
 // Lanes 0-1 of a, then lanes 0-1 of b.
 OWN_LANE OwnI4 ownConcatLow(OwnI4 a, OwnI4 b) { return OwnI4(_mm_unpacklo_epi64(a.v, b.v)); }
 // x * f per lane, the low 32 bits of each product (SSE2 has no 32-bit

@@ -206,12 +206,12 @@ inline float ownBlendLinear(const OwnLinearCtx<T>& k, int ix, int iy, int iz, fl
 }
 
 // (v[0], v[1], w[0], w[1]) as floats, for the 16u element pairs v at byte
-// address p and w at p + next: the x tap pairs of two rows, each read as one
+// address p and w at q: the x tap pairs of two rows, each read as one
 // 4-byte word.
-inline OwnF4 ownTapQuad(const std::uint16_t*, const std::uint8_t* p, std::ptrdiff_t next) {
+inline OwnF4 ownTapQuad(const std::uint16_t*, const std::uint8_t* p, const std::uint8_t* q) {
     std::uint32_t a, b;
     std::memcpy(&a, p, 4);
-    std::memcpy(&b, p + next, 4);
+    std::memcpy(&b, q, 4);
     const OwnI4 v = ownInterleaveLo(ownInLane0(static_cast<int>(a)), ownInLane0(static_cast<int>(b)));
     return ownToFloat(ownWidenLowU16(v));
 }
@@ -231,28 +231,32 @@ inline OwnI4 ownTapOffsets(OwnI4 ix, OwnI4 iy, std::ptrdiff_t step) {
 }
 
 // The taps a, b, c, d of four voxels as four vectors, lane j for voxel j:
-// (a, b) is the element pair at byte address p[j], (c, d) the pair at
-// p[j] + next. 16u reads each voxel's quad and transposes; float and 8u
-// place the values straight into their lanes.
+// (a, b) is the element pair at byte address p(j), (c, d) the pair at q(j),
+// the same offset in the next tap row. 16u reads each voxel's quad and
+// transposes; float and 8u place the values straight into their lanes. p
+// and q are functions of the lane rather than arrays so that each address
+// is formed where it is read, as a base plus an offset (an array of
+// addresses invites the compiler to build them as vectors and take them
+// apart again).
 template <class T>
 struct OwnTapGather {
-    static OWN_LANE void run(const std::uint8_t* const p[4], std::ptrdiff_t next, OwnF4& a, OwnF4& b, OwnF4& c,
-                             OwnF4& d) {
+    template <class Addr, class NextAddr>
+    static OWN_LANE void run(const Addr& p, const NextAddr& q, OwnF4& a, OwnF4& b, OwnF4& c, OwnF4& d) {
         const T* tag = nullptr;
-        a = ownTapQuad(tag, p[0], next);
-        b = ownTapQuad(tag, p[1], next);
-        c = ownTapQuad(tag, p[2], next);
-        d = ownTapQuad(tag, p[3], next);
+        a = ownTapQuad(tag, p(0), q(0));
+        b = ownTapQuad(tag, p(1), q(1));
+        c = ownTapQuad(tag, p(2), q(2));
+        d = ownTapQuad(tag, p(3), q(3));
         ownTranspose(a, b, c, d);
     }
 };
 template <>
 struct OwnTapGather<float> {
     // Two voxels' pairs per register, (a0, b0, a1, b1), then even and odd lanes.
-    static OWN_LANE void run(const std::uint8_t* const p[4], std::ptrdiff_t next, OwnF4& a, OwnF4& b, OwnF4& c,
-                             OwnF4& d) {
-        const OwnF4 ab01 = ownLoadPairs(p[0], p[1]), ab23 = ownLoadPairs(p[2], p[3]);
-        const OwnF4 cd01 = ownLoadPairs(p[0] + next, p[1] + next), cd23 = ownLoadPairs(p[2] + next, p[3] + next);
+    template <class Addr, class NextAddr>
+    static OWN_LANE void run(const Addr& p, const NextAddr& q, OwnF4& a, OwnF4& b, OwnF4& c, OwnF4& d) {
+        const OwnF4 ab01 = ownLoadPairs(p(0), p(1)), ab23 = ownLoadPairs(p(2), p(3));
+        const OwnF4 cd01 = ownLoadPairs(q(0), q(1)), cd23 = ownLoadPairs(q(2), q(3));
         a = ownEvenLanes(ab01, ab23);
         b = ownOddLanes(ab01, ab23);
         c = ownEvenLanes(cd01, cd23);
@@ -268,16 +272,16 @@ struct OwnTapGather<std::uint8_t> {
         std::memcpy(&v, p, 2);
         return v;
     }
-    static OWN_LANE void run(const std::uint8_t* const p[4], std::ptrdiff_t next, OwnF4& a, OwnF4& b, OwnF4& c,
-                             OwnF4& d) {
-        OwnW8 v = ownAsW8(ownInLane0(pair(p[0])));
-        v = ownInsert16<1>(v, pair(p[0] + next));
-        v = ownInsert16<2>(v, pair(p[1]));
-        v = ownInsert16<3>(v, pair(p[1] + next));
-        v = ownInsert16<4>(v, pair(p[2]));
-        v = ownInsert16<5>(v, pair(p[2] + next));
-        v = ownInsert16<6>(v, pair(p[3]));
-        v = ownInsert16<7>(v, pair(p[3] + next));
+    template <class Addr, class NextAddr>
+    static OWN_LANE void run(const Addr& p, const NextAddr& q, OwnF4& a, OwnF4& b, OwnF4& c, OwnF4& d) {
+        OwnW8 v = ownAsW8(ownInLane0(pair(p(0))));
+        v = ownInsert16<1>(v, pair(q(0)));
+        v = ownInsert16<2>(v, pair(p(1)));
+        v = ownInsert16<3>(v, pair(q(1)));
+        v = ownInsert16<4>(v, pair(p(2)));
+        v = ownInsert16<5>(v, pair(q(2)));
+        v = ownInsert16<6>(v, pair(p(3)));
+        v = ownInsert16<7>(v, pair(q(3)));
         // Byte j of each voxel's four into the low byte of its lane, zeros above.
         auto tap = [v](char j) OWN_KERNEL {
             const char z = -128;
@@ -308,30 +312,37 @@ inline OwnI4 ownLaneOffsets(const OwnLinearCtx<T>& k, OwnI4 ix, OwnI4 iy, OwnI4 
 // otherwise through each lane's plane pointer.
 template <class T, int Dims, bool EvenPlanes>
 OWN_LANE OwnF4 ownBlendLinearLanes(const OwnLinearCtx<T>& k, OwnI4 off, OwnI4 iz, OwnF4 tx, OwnF4 ty, OwnF4 tz) {
-    const std::uint8_t* p[4];
-    const std::uint8_t* q[4];
+    OwnF4 p0, p1, p2, p3, e, f, g, h;
     if (EvenPlanes) {
         // Offsets from the origin are below 2^31: widened without sign.
         std::uint32_t o[4];
-        ownStoreU(reinterpret_cast<std::int32_t*>(o), off);
-        for (int j = 0; j < 4; ++j) {
-            p[j] = reinterpret_cast<const std::uint8_t*>(k.origin + o[j]);
-            q[j] = p[j] + k.nextPlane;
+        ownLanesU32(off, o);
+        // One base per tap row, each address a base plus the lane's offset.
+        const std::uint8_t* const b00 = reinterpret_cast<const std::uint8_t*>(k.origin);
+        const std::uint8_t* const b10 = b00 + k.nextRow;
+        OwnTapGather<T>::run([&](int j) OWN_KERNEL { return b00 + o[j]; }, [&](int j) OWN_KERNEL { return b10 + o[j]; },
+                             p0, p1, p2, p3);
+        if (Dims == 3) {
+            const std::uint8_t* const b01 = b00 + k.nextPlane;
+            const std::uint8_t* const b11 = b01 + k.nextRow;
+            OwnTapGather<T>::run([&](int j) OWN_KERNEL { return b01 + o[j]; },
+                                 [&](int j) OWN_KERNEL { return b11 + o[j]; }, e, f, g, h);
         }
     } else {
         std::int32_t o[4], z[4] = {0, 0, 0, 0};
         ownStoreU(o, off);
         if (Dims == 3) ownStoreU(z, iz);
-        for (int j = 0; j < 4; ++j) {
-            p[j] = reinterpret_cast<const std::uint8_t*>(k.pPlanes[z[j]]) + o[j];
-            q[j] = Dims == 3 ? reinterpret_cast<const std::uint8_t*>(k.pPlanes[z[j] + k.nextZ]) + o[j] : p[j];
+        auto plane = [&](int zi) { return reinterpret_cast<const std::uint8_t*>(k.pPlanes[zi]); };
+        const std::ptrdiff_t next = k.nextRow;
+        OwnTapGather<T>::run([&](int j) OWN_KERNEL { return plane(z[j]) + o[j]; },
+                             [&](int j) OWN_KERNEL { return plane(z[j]) + o[j] + next; }, p0, p1, p2, p3);
+        if (Dims == 3) {
+            const int nz = k.nextZ;
+            OwnTapGather<T>::run([&](int j) OWN_KERNEL { return plane(z[j] + nz) + o[j]; },
+                                 [&](int j) OWN_KERNEL { return plane(z[j] + nz) + o[j] + next; }, e, f, g, h);
         }
     }
-    OwnF4 p0, p1, p2, p3;
-    OwnTapGather<T>::run(p, k.nextRow, p0, p1, p2, p3);
     if (Dims == 3) {
-        OwnF4 e, f, g, h;
-        OwnTapGather<T>::run(q, k.nextRow, e, f, g, h);
         p0 = ownLerp(p0, e, tz);
         p1 = ownLerp(p1, f, tz);
         p2 = ownLerp(p2, g, tz);
@@ -635,6 +646,35 @@ struct OwnRemapRowArgs {
 template <class T>
 using OwnRemapRowFn = void (*)(const OwnSource<T>&, const OwnRemapRowArgs<T>&);
 
+// The SSE remap kernels' view of the source box and the maps: the box's
+// bounds as lanes, loaded once per row, and the map points of a row four at
+// a time (z 0 for a plane).
+template <int Dims>
+struct OwnRemapBox4 {
+    OwnF4 lo[3], hi[3];
+    template <class T>
+    explicit OwnRemapBox4(const OwnSource<T>& s) {
+        for (int ax = 0; ax < 3; ++ax) {
+            lo[ax] = OwnF4(s.loF[ax]);
+            hi[ax] = OwnF4(s.hiF[ax]);
+        }
+    }
+    // Map points i .. i + 3 of the row (16-byte aligned map rows).
+    template <class T>
+    static OWN_LANE void load(const OwnRemapRowArgs<T>& a, int i, OwnF4 c[3]) {
+        c[0] = ownLoadA(a.px + i);
+        c[1] = ownLoadA(a.py + i);
+        c[2] = Dims == 3 ? ownLoadA(a.pz + i) : OwnF4(0.0f);
+    }
+    // Lanes with lo <= c <= hi on every axis (a NaN coordinate is outside),
+    // as a four-bit mask.
+    OWN_LANE int insideMask(const OwnF4 c[3]) const {
+        OwnM4 inside = ownAnd(ownAnd(c[0] >= lo[0], c[0] <= hi[0]), ownAnd(c[1] >= lo[1], c[1] <= hi[1]));
+        if (Dims == 3) inside = ownAnd(inside, ownAnd(c[2] >= lo[2], c[2] <= hi[2]));
+        return ownMoveMask(inside);
+    }
+};
+
 // Nearest: outside when x < xLow, x > xHigh, ... (so a box edge is inside and
 // an outside point writes nothing); inside points read the element at the
 // coordinates rounded with ties to even. A NaN coordinate fails every
@@ -667,18 +707,16 @@ void ownRemapRowNearest(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
 // one.
 template <class T, int Dims>
 void ownRemapRowNearestSse(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
-    OwnF4 lo[3], hi[3];
-    for (int ax = 0; ax < 3; ++ax) {
-        lo[ax] = OwnF4(s.loF[ax]);
-        hi[ax] = OwnF4(s.hiF[ax]);
-    }
+    const OwnRemapBox4<Dims> box(s);
     for (int i = 0; i < a.width; i += 4) {
-        const OwnF4 c[3] = {ownLoadA(a.px + i), ownLoadA(a.py + i), Dims == 3 ? ownLoadA(a.pz + i) : OwnF4(0.0f)};
+        OwnF4 c[3];
+        box.load(a, i, c);
+        // Not the inside mask of the other kernels: here a NaN is inside.
         OwnM4 outside(false);
         OwnI4 idx[3];
         for (int ax = 0; ax < Dims; ++ax) {
-            outside = ownOr(outside, ownOr(c[ax] < lo[ax], c[ax] > hi[ax]));
-            idx[ax] = ownRoundToInt(ownMin(ownMax(c[ax], lo[ax]), hi[ax]));
+            outside = ownOr(outside, ownOr(c[ax] < box.lo[ax], c[ax] > box.hi[ax]));
+            idx[ax] = ownRoundToInt(ownMin(ownMax(c[ax], box.lo[ax]), box.hi[ax]));
         }
         int inside = ~ownMoveMask(outside) & 15;
         if (inside == 0) continue;
@@ -723,23 +761,18 @@ void ownRemapRowLinear(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
 template <class T, int Dims, bool EvenPlanes>
 void ownRemapRowLinearLanes(const OwnSource<T>& s, const OwnRemapRowArgs<T>& a) {
     const OwnLinearCtx<T> k = ownLinearCtx(s);
-    OwnF4 lo[3], hi[3], top[3];
-    for (int ax = 0; ax < 3; ++ax) {
-        lo[ax] = OwnF4(s.loF[ax]);
-        hi[ax] = OwnF4(s.hiF[ax]);
-        top[ax] = OwnF4(static_cast<float>(k.top[ax]));
-    }
+    const OwnRemapBox4<Dims> box(s);
+    OwnF4 top[3];
+    for (int ax = 0; ax < 3; ++ax) top[ax] = OwnF4(static_cast<float>(k.top[ax]));
     for (int i = 0; i < a.width; i += 4) {
-        const OwnF4 x = ownLoadA(a.px + i), y = ownLoadA(a.py + i);
-        const OwnF4 z = Dims == 3 ? ownLoadA(a.pz + i) : OwnF4(0.0f);
-        OwnM4 inside = ownAnd(ownAnd(x >= lo[0], x <= hi[0]), ownAnd(y >= lo[1], y <= hi[1]));
-        if (Dims == 3) inside = ownAnd(inside, ownAnd(z >= lo[2], z <= hi[2]));
-        const int mask = ownMoveMask(inside);
+        OwnF4 c[3];
+        box.load(a, i, c);
+        const int mask = box.insideMask(c);
         if (mask == 0) continue;
         OwnF4 tx, ty, tz(0.0f);
-        const OwnI4 ix = ownLinearIndex4(x, lo[0], top[0], tx);
-        const OwnI4 iy = ownLinearIndex4(y, lo[1], top[1], ty);
-        const OwnI4 iz = Dims == 3 ? ownLinearIndex4(z, lo[2], top[2], tz) : OwnI4(0);
+        const OwnI4 ix = ownLinearIndex4(c[0], box.lo[0], top[0], tx);
+        const OwnI4 iy = ownLinearIndex4(c[1], box.lo[1], top[1], ty);
+        const OwnI4 iz = Dims == 3 ? ownLinearIndex4(c[2], box.lo[2], top[2], tz) : OwnI4(0);
         const OwnI4 off = ownLaneOffsets<T, Dims, EvenPlanes>(k, ix, iy, iz);
         const OwnF4 v = ownBlendLinearLanes<T, Dims, EvenPlanes>(k, off, iz, tx, ty, tz);
         ownStoreLanes(a.pDst + i, v, mask);
@@ -775,22 +808,17 @@ void ownRemapRowCubicLanes(const OwnSource<T>& source, const OwnRemapRowArgs<T>&
     // (8u stores alias everything), which would force a reload of every
     // field per group.
     const OwnSource<T> s = source;
-    OwnF4 lo[3], hi[3];
-    for (int ax = 0; ax < 3; ++ax) {
-        lo[ax] = OwnF4(s.loF[ax]);
-        hi[ax] = OwnF4(s.hiF[ax]);
-    }
+    const OwnRemapBox4<Dims> box(s);
     for (int i = 0; i < a.width; i += 4) {
-        const OwnF4 c[3] = {ownLoadA(a.px + i), ownLoadA(a.py + i), Dims == 3 ? ownLoadA(a.pz + i) : OwnF4(0.0f)};
-        OwnM4 inside = ownAnd(ownAnd(c[0] >= lo[0], c[0] <= hi[0]), ownAnd(c[1] >= lo[1], c[1] <= hi[1]));
-        if (Dims == 3) inside = ownAnd(inside, ownAnd(c[2] >= lo[2], c[2] <= hi[2]));
-        const int mask = ownMoveMask(inside);
+        OwnF4 c[3];
+        box.load(a, i, c);
+        const int mask = box.insideMask(c);
         if (mask == 0) continue;
         OwnI4 i0[3] = {OwnI4(0), OwnI4(0), OwnI4(0)};
         OwnF4 t[3] = {OwnF4(0.0f), OwnF4(0.0f), OwnF4(0.0f)};
 #pragma GCC unroll 3
         for (int ax = 0; ax < Dims; ++ax) {
-            const OwnF4 cc = ownMin(ownMax(c[ax], lo[ax]), hi[ax]);
+            const OwnF4 cc = ownMin(ownMax(c[ax], box.lo[ax]), box.hi[ax]);
             i0[ax] = ownTruncToInt(cc);
             t[ax] = cc - ownToFloat(i0[ax]);
         }
@@ -847,6 +875,29 @@ inline OwnBoxD ownBoxD(const OwnSource<T>& s) {
     return b;
 }
 
+// The SSE warp kernels' view of the box: its bounds as double lanes, and
+// the inside test of four points given as pairs (points 0, 1 and 2, 3 per
+// axis), lo <= c <= hi on every axis (a NaN is outside), as a four-bit mask.
+template <int Dims>
+struct OwnWarpBox4 {
+    OwnD2 lo[3], hi[3];
+    explicit OwnWarpBox4(const OwnBoxD& box) {
+        for (int ax = 0; ax < 3; ++ax) {
+            lo[ax] = OwnD2(box.lo[ax]);
+            hi[ax] = OwnD2(box.hi[ax]);
+        }
+    }
+    OWN_LANE int insideMask(const OwnD2 c01[3], const OwnD2 c23[3]) const {
+        OwnMD2 in01(true), in23 = in01;
+#pragma GCC unroll 3
+        for (int ax = 0; ax < Dims; ++ax) {
+            in01 = ownAnd(in01, ownAnd(c01[ax] >= lo[ax], c01[ax] <= hi[ax]));
+            in23 = ownAnd(in23, ownAnd(c23[ax] >= lo[ax], c23[ax] <= hi[ax]));
+        }
+        return ownMoveMask(in01) | (ownMoveMask(in23) << 2);
+    }
+};
+
 // All warp kernels share the walk: the point advances by delta every voxel,
 // inside or not, and only inside points are written. Sample(c) gives the
 // element to store.
@@ -902,6 +953,12 @@ struct OwnWarpWalk4 {
         c23[0] = ownInterleaveLo(p2, p3), c23[1] = ownInterleaveHi(p2, p3);
         lastXy = p3;
         xy = p3 + dxy;
+    }
+    // Points i .. i + 3 of a plane as (x, y) pairs, one register a point.
+    OWN_LANE void nextPoints(OwnD2 p[4]) {
+        p[0] = xy, p[1] = p[0] + dxy, p[2] = p[1] + dxy, p[3] = p[2] + dxy;
+        lastXy = p[3];
+        xy = p[3] + dxy;
     }
     OWN_LANE void next(OwnD2 c01[3], OwnD2 c23[3]) {
         nextXy(c01, c23);
@@ -970,13 +1027,10 @@ inline int ownWarpSurelyInside(const double c[3], const double d[3], const OwnBo
 template <class T, int Dims, bool EvenPlanes>
 void ownWarpRowLinearLanes(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
     const OwnLinearCtx<T> k = ownLinearCtx(s);
-    OwnD2 lo[3], hi[3], top[3];
-    for (int ax = 0; ax < 3; ++ax) {
-        lo[ax] = OwnD2(static_cast<double>(s.lo[ax]));
-        hi[ax] = OwnD2(static_cast<double>(s.hi[ax]));
-        top[ax] = OwnD2(static_cast<double>(k.top[ax]));
-    }
     const OwnBoxD box = ownBoxD(s);
+    const OwnWarpBox4<Dims> lanes(box);
+    OwnD2 top[3];
+    for (int ax = 0; ax < 3; ++ax) top[ax] = OwnD2(static_cast<double>(k.top[ax]));
     const OwnD2 loXy = ownSetLanes(box.lo[0], box.lo[1]), hiXy = ownSetLanes(box.hi[0], box.hi[1]);
     OwnWarpWalk4 walk(a.start, a.delta);
     OwnD2 c01[3], c23[3];
@@ -1001,8 +1055,8 @@ void ownWarpRowLinearLanes(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
         for (int ax = 0; ax < (kFixedZ ? 2 : Dims); ++ax) {
             OwnD2 p01 = c01[ax], p23 = c23[ax];
             if (clamped) {
-                p01 = ownMin(ownMax(p01, lo[ax]), top[ax]);
-                p23 = ownMin(ownMax(p23, lo[ax]), top[ax]);
+                p01 = ownMin(ownMax(p01, lanes.lo[ax]), top[ax]);
+                p23 = ownMin(ownMax(p23, lanes.lo[ax]), top[ax]);
             }
             const OwnI4 i01 = ownTruncToInt(p01), i23 = ownTruncToInt(p23);
             const OwnD2 f01 = c01[ax] - ownToDouble2(i01);
@@ -1021,15 +1075,7 @@ void ownWarpRowLinearLanes(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
         return ownBlendLinearLanes<T, Dims, EvenPlanes>(k, off, idx[2], t[0], t[1], t[2]);
     };
     const std::false_type kVaryingZ;
-    auto insideMask = [&]() OWN_KERNEL {
-        OwnMD2 in01(true), in23 = in01;
-#pragma GCC unroll 3
-        for (int ax = 0; ax < Dims; ++ax) {
-            in01 = ownAnd(in01, ownAnd(c01[ax] >= lo[ax], c01[ax] <= hi[ax]));
-            in23 = ownAnd(in23, ownAnd(c23[ax] >= lo[ax], c23[ax] <= hi[ax]));
-        }
-        return ownMoveMask(in01) | (ownMoveMask(in23) << 2);
-    };
+    auto insideMask = [&]() OWN_KERNEL { return lanes.insideMask(c01, c23); };
 
     int i = 0;
     // Before the run: the full test, until a group holds an inside point.
@@ -1049,6 +1095,31 @@ void ownWarpRowLinearLanes(const OwnSource<T>& s, const OwnWarpRowArgs<T>& a) {
         walk.point(c);
         walk.deltas(d);
         sure += ownWarpSurelyInside(c, d, box, Dims, a.count - i);
+    }
+    if (Dims == 2) {
+        // A plane, in the run: each point's (x, y) pair is truncated, turned
+        // back to double and subtracted as one register, which are the
+        // scalar rule's operations on the same values; the fractions are then
+        // sorted into x and y lanes, and the index pairs packed to 16 bits
+        // (they lie in the box, which ownLinearSseFits keeps below 2^15) for
+        // the offset multiply-add of ownTapOffsets.
+        const OwnW8 factors = ownPairs16(static_cast<std::int16_t>(sizeof(T)), static_cast<std::int16_t>(k.step));
+        T* const pDst = a.pDst;  // a local: the 8u stores could alias a
+        for (; i + 4 <= sure; i += 4) {
+            OwnD2 p[4], f[4];
+            OwnI4 ip[4];
+            walk.nextPoints(p);
+#pragma GCC unroll 4
+            for (int j = 0; j < 4; ++j) {
+                ip[j] = ownTruncToInt(p[j]);
+                f[j] = p[j] - ownToDouble2(ip[j]);
+            }
+            const OwnF4 t01 = ownNarrow(f[0], f[1]), t23 = ownNarrow(f[2], f[3]);
+            const OwnW8 pairs = ownPackSat(ownConcatLow(ip[0], ip[1]), ownConcatLow(ip[2], ip[3]));
+            const OwnI4 off = ownMulAddPairs(pairs, factors);
+            const OwnF4 tx = ownEvenLanes(t01, t23), ty = ownOddLanes(t01, t23);
+            ownStoreInterp4(pDst + i, ownBlendLinearLanes<T, Dims, EvenPlanes>(k, off, OwnI4(0), tx, ty, OwnF4(0.0f)));
+        }
     }
     if (Dims == 3 && walk.dz == 0 && i + 4 <= sure) {
         // z stands still along the row (the inverse map keeps x out of z):
@@ -1104,11 +1175,7 @@ template <class T, int Dims, int Code>
 void ownWarpRowCubicLanes(const OwnSource<T>& source, const OwnWarpRowArgs<T>& a) {
     const OwnSource<T> s = source;  // as in ownRemapRowCubicLanes
     const OwnBoxD box = ownBoxD(s);
-    OwnD2 lo[3], hi[3];
-    for (int ax = 0; ax < 3; ++ax) {
-        lo[ax] = OwnD2(box.lo[ax]);
-        hi[ax] = OwnD2(box.hi[ax]);
-    }
+    const OwnWarpBox4<Dims> lanes(box);
     // Points inside [lo + 1, hi - 2) on every axis lie in the box and have
     // trunc(c) - 1 >= lo and trunc(c) + 2 <= hi: no test and no clamp. The
     // walk is monotonic along each axis (see ownWarpRowLinearLanes), so such
@@ -1147,18 +1214,13 @@ void ownWarpRowCubicLanes(const OwnSource<T>& source, const OwnWarpRowArgs<T>& a
             ownStoreInterp4(a.pDst + i, ownSampleCubic4<T, Dims, Code, true>(s, i0, t));
             continue;
         }
-        OwnMD2 in01(true), in23(true);
-#pragma GCC unroll 3
-        for (int ax = 0; ax < Dims; ++ax) {
-            in01 = ownAnd(in01, ownAnd(c01[ax] >= lo[ax], c01[ax] <= hi[ax]));
-            in23 = ownAnd(in23, ownAnd(c23[ax] >= lo[ax], c23[ax] <= hi[ax]));
-        }
-        const int mask = ownMoveMask(in01) | (ownMoveMask(in23) << 2);
+        const int mask = lanes.insideMask(c01, c23);
         lastInside = mask == 15;
         if (mask == 0) continue;
 #pragma GCC unroll 3
         for (int ax = 0; ax < Dims; ++ax) {
-            const OwnD2 p01 = ownMin(ownMax(c01[ax], lo[ax]), hi[ax]), p23 = ownMin(ownMax(c23[ax], lo[ax]), hi[ax]);
+            const OwnD2 lo = lanes.lo[ax], hi = lanes.hi[ax];
+            const OwnD2 p01 = ownMin(ownMax(c01[ax], lo), hi), p23 = ownMin(ownMax(c23[ax], lo), hi);
             const OwnI4 j01 = ownTruncToInt(p01), j23 = ownTruncToInt(p23);
             i0[ax] = ownConcatLow(j01, j23);
             t[ax] = ownNarrow(p01 - ownToDouble2(j01), p23 - ownToDouble2(j23));
