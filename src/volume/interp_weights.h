@@ -155,6 +155,31 @@ OWN_LANE auto ownRoundClamp(F sum) {
     return ownTruncToInt(v);
 }
 
+// ownRoundClamp for four lanes that leave through the saturating packs of
+// ownStoreNarrow, ownNarrowU8 or ownNarrowU16 (int32 to int16 with signed
+// saturation, then to uint8 with unsigned saturation, or for 16u biased by
+// -32768 around the signed pack). The packs clamp every int32 to the
+// element's range themselves, so one end of the float clamp can be left to
+// them; the other end stays because of the conversion's out-of-range value
+// 0x80000000 (NaN, infinities, magnitudes from 2^31 up), which the packs
+// take to the low end for 8u and, through the bias's wrap, to the high end
+// for 16u:
+//  - 8u keeps min(255, v) with 255 as the first operand (255 < v ? 255 : v),
+//    so +inf and large values become 255 while NaN stays NaN; NaN, -inf and
+//    every negative v then convert to 0x80000000 or a negative integer,
+//    which the packs send to 0, as max(v, 0) would;
+//  - 16u keeps max(v, 0) (NaN to 0); +inf and values from 2^31 convert to
+//    0x80000000, which the bias wraps to 0x7fff8000 and the packs send to
+//    65535, as do the integers above 65535: what min(v, 65535) would give.
+// Every float therefore gives the bits of ownRoundClamp (the tests run all
+// 2^32 patterns through both).
+template <int kMax>
+OWN_LANE OwnI4 ownRoundClampForPack(OwnF4 sum) {
+    static_assert(kMax == 255 || kMax == 65535, "8u or 16u");
+    const OwnF4 v = sum + OwnF4(0.5000001f);
+    return ownTruncToInt(kMax == 255 ? ownMin(OwnF4(255.0f), v) : ownMax(v, OwnF4(0.0f)));
+}
+
 // Store rule of each element type: 8u and 16u round and clamp, 32f stores
 // the float as it is.
 template <class T>
@@ -173,8 +198,8 @@ inline float ownStoreInterp<float>(float sum) {
 }
 
 // Stores four results at p (any alignment) by the element type's rule.
-OWN_LANE void ownStoreInterp4(std::uint8_t* p, OwnF4 sum) { ownStoreNarrow(p, ownRoundClamp<255>(sum)); }
-OWN_LANE void ownStoreInterp4(std::uint16_t* p, OwnF4 sum) { ownStoreNarrow(p, ownRoundClamp<65535>(sum)); }
+OWN_LANE void ownStoreInterp4(std::uint8_t* p, OwnF4 sum) { ownStoreNarrow(p, ownRoundClampForPack<255>(sum)); }
+OWN_LANE void ownStoreInterp4(std::uint16_t* p, OwnF4 sum) { ownStoreNarrow(p, ownRoundClampForPack<65535>(sum)); }
 OWN_LANE void ownStoreInterp4(float* p, OwnF4 sum) { ownStoreU(p, sum); }
 
 }  // namespace vekr

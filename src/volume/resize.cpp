@@ -489,19 +489,21 @@ struct OwnRowCombiner {
 };
 
 // Integer results leave in whole 16-byte stores: sixteen 8u or eight 16u
-// voxels packed from four or two vectors, each lane rounded and clamped by
-// ownRoundClamp as ownStoreInterp4 does (which then only serves the last few
-// groups). The clamps stay even for the linear codes, whose blends of values
-// in range stay in range: a NaN or infinite shift makes the weights NaN, and
-// the clamp is what sends such a sum to the value the scalar rule gives.
+// voxels packed from four or two vectors, each lane rounded and clamped as
+// ownStoreInterp4 does (which then only serves the last few groups): one end
+// of the clamp in float, the other by the saturating packs
+// (ownRoundClampForPack). The clamps stay even for the linear codes, whose
+// blends of values in range stay in range: a NaN or infinite shift makes the
+// weights NaN, and the clamp is what sends such a sum to the value the
+// scalar rule gives.
 template <class G>
 OWN_LANE OwnI4 ownPackBlock(std::uint8_t*, G&& sum) {
-    return ownNarrowU8(ownRoundClamp<255>(sum(0)), ownRoundClamp<255>(sum(4)), ownRoundClamp<255>(sum(8)),
-                       ownRoundClamp<255>(sum(12)));
+    return ownNarrowU8(ownRoundClampForPack<255>(sum(0)), ownRoundClampForPack<255>(sum(4)),
+                       ownRoundClampForPack<255>(sum(8)), ownRoundClampForPack<255>(sum(12)));
 }
 template <class G>
 OWN_LANE OwnI4 ownPackBlock(std::uint16_t*, G&& sum) {
-    return ownNarrowU16(ownRoundClamp<65535>(sum(0)), ownRoundClamp<65535>(sum(4)));
+    return ownNarrowU16(ownRoundClampForPack<65535>(sum(0)), ownRoundClampForPack<65535>(sum(4)));
 }
 template <class G>
 OWN_LANE OwnI4 ownPackBlock(float*, G&& sum) {

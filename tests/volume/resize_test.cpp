@@ -151,6 +151,61 @@ TEST(InterpWeights, IntegerConversionRoundsHalfUpAndClamps) {
     }
 }
 
+// The vector conversions leave one end of the clamp to the saturating packs
+// (ownRoundClampForPack). Against the scalar rule on float bit patterns of
+// every sign, exponent and leading mantissa bits, each with low mantissa
+// bits at and around both ends, and on every pattern within 4096 steps of
+// the values where a clamp or the conversion's range changes its answer;
+// both the four-lane stores and the sixteen- and eight-voxel packs.
+TEST(InterpWeights, PackedConversionsMatchTheScalarRuleOnEveryKindOfFloat) {
+    std::vector<std::uint32_t> patterns;
+    for (std::uint32_t hi = 0; hi < (1u << 20); ++hi)
+        for (std::uint32_t lo : {0x000u, 0x001u, 0x7ffu, 0x800u, 0xffeu, 0xfffu}) patterns.push_back(hi << 12 | lo);
+    const float edges[] = {0.0f, -0.5000001f, -1.5000001f, 254.5f, 255.0f, 255.5f, 256.0f, 65534.5f, 65535.5f,
+                           65536.0f, 32767.5f, 0x1p31f, 0x1p32f, INFINITY, NAN};
+    for (float e : edges)
+        for (float sign : {1.0f, -1.0f}) {
+            std::uint32_t b;
+            const float v = sign * e;
+            std::memcpy(&b, &v, 4);
+            for (std::uint32_t d = 0; d <= 8192; ++d) patterns.push_back(b - 4096 + d);
+        }
+    while (patterns.size() % 16) patterns.push_back(0);
+    long long bad8 = 0, bad16 = 0;
+    for (std::size_t i = 0; i < patterns.size(); i += 16) {
+        float f[16];
+        std::memcpy(f, &patterns[i], sizeof f);
+        std::uint8_t b4[16], b16[16];
+        std::uint16_t h4[16], h8[16];
+        for (int g = 0; g < 16; g += 4) {
+            vekr::ownStoreInterp4(b4 + g, _mm_loadu_ps(f + g));
+            vekr::ownStoreInterp4(h4 + g, _mm_loadu_ps(f + g));
+        }
+        auto lanes = [&f](int g) { return vekr::OwnF4(_mm_loadu_ps(f + g)); };
+        vekr::ownStoreU(reinterpret_cast<std::int32_t*>(b16),
+                        vekr::ownNarrowU8(vekr::ownRoundClampForPack<255>(lanes(0)),
+                                          vekr::ownRoundClampForPack<255>(lanes(4)),
+                                          vekr::ownRoundClampForPack<255>(lanes(8)),
+                                          vekr::ownRoundClampForPack<255>(lanes(12))));
+        for (int g = 0; g < 16; g += 8)
+            vekr::ownStoreU(reinterpret_cast<std::int32_t*>(h8 + g),
+                            vekr::ownNarrowU16(vekr::ownRoundClampForPack<65535>(lanes(g)),
+                                               vekr::ownRoundClampForPack<65535>(lanes(g + 4))));
+        for (int j = 0; j < 16; ++j) {
+            const std::uint8_t want8 = vekr::ownStoreInterp<std::uint8_t>(f[j]);
+            const std::uint16_t want16 = vekr::ownStoreInterp<std::uint16_t>(f[j]);
+            if (b4[j] != want8 || b16[j] != want8) {
+                if (++bad8 <= 5) ADD_FAILURE() << "8u, bits " << std::hex << patterns[i + j];
+            }
+            if (h4[j] != want16 || h8[j] != want16) {
+                if (++bad16 <= 5) ADD_FAILURE() << "16u, bits " << std::hex << patterns[i + j];
+            }
+        }
+    }
+    EXPECT_EQ(0, bad8);
+    EXPECT_EQ(0, bad16);
+}
+
 // ---------------------------------------------------------------------------
 // Resize
 // ---------------------------------------------------------------------------
