@@ -361,6 +361,32 @@ inline OwnI4 ownLinearIndex4(OwnF4 c, OwnF4 lo, OwnF4 top, OwnF4& t) {
     t = c - ownToFloat(i);
     return i;
 }
+// Whole-group stores of the cubic remap row kernel, at 16-byte aligned
+// addresses (the vector path's condition). Float rows of at least
+// kOwnStreamRow voxels go around the cache (non-temporal stores, then a
+// fence when the row is done): a cubic row reads its source taps from the
+// cache and the destination is not read again by the kernel, so the
+// streamed stores save reading each destination line in before it is
+// written. That paid on the 2048^2 plane remap at two threads (a
+// destination larger than the cache, maps and source streaming in too); on
+// the warp, which reads no maps, it measured no gain and is not used. 8u and
+// 16u stores are small and stay as they are.
+constexpr int kOwnStreamRow = 1024;
+template <class T>
+struct OwnCubicStore {
+    bool stream;
+    explicit OwnCubicStore(int rowLength) : stream(std::is_same<T, float>::value && rowLength >= kOwnStreamRow) {}
+    OWN_LANE void whole(T* p, OwnF4 v) const {
+        if (std::is_same<T, float>::value && stream)
+            ownStream(reinterpret_cast<float*>(p), v);
+        else
+            ownStoreInterp4(p, v);
+    }
+    void finish() const {
+        if (stream) ownStreamFence();
+    }
+};
+
 // Stores the lanes of v whose bit is set in mask at p[0..3] by the element
 // type's rule (all four at once when all are set).
 template <class T>
@@ -809,6 +835,7 @@ void ownRemapRowCubicLanes(const OwnSource<T>& source, const OwnRemapRowArgs<T>&
     // field per group.
     const OwnSource<T> s = source;
     const OwnRemapBox4<Dims> box(s);
+    const OwnCubicStore<T> store(a.width);
     for (int i = 0; i < a.width; i += 4) {
         OwnF4 c[3];
         box.load(a, i, c);
@@ -822,8 +849,13 @@ void ownRemapRowCubicLanes(const OwnSource<T>& source, const OwnRemapRowArgs<T>&
             i0[ax] = ownTruncToInt(cc);
             t[ax] = cc - ownToFloat(i0[ax]);
         }
-        ownStoreLanes(a.pDst + i, ownSampleCubic4<T, Dims, Code>(s, i0, t), mask);
+        const OwnF4 v = ownSampleCubic4<T, Dims, Code>(s, i0, t);
+        if (mask == 15)
+            store.whole(a.pDst + i, v);
+        else
+            ownStoreLanes(a.pDst + i, v, mask);
     }
+    store.finish();
 }
 
 // The remap row kernels of one element type and dimension, indexed by
