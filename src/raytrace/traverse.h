@@ -306,6 +306,13 @@ inline void ownWalk1(const VekrKDTreeNode* root, const VekrTriangleAccel* accel,
     }
 }
 
+// Lanes of `bits` (a group's four lane bits) take a, the others keep b. A
+// group whose lanes all take a needs no mask, which is the usual case in a
+// coherent packet.
+inline OwnF4 ownSelectLanes(int bits, OwnF4 a, OwnF4 b) {
+    return bits == 15 ? a : ownSelect(ownLaneMask(bits), a, b);
+}
+
 // The lane bits of a tile's G masks: bit 4g + l from lane l of mask g.
 template <int G>
 inline int ownTileMask(const OwnM4* m) {
@@ -395,7 +402,7 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
 #pragma GCC unroll 4
                     for (int g = 0; g < G; ++g) {
                         const int b = (bothSides >> (4 * g)) & 15;
-                        if (b) tFar[g] = ownSelect(ownLaneMask(b), ownMax(tNear[g], ownMin(t[g], tFar[g])), tFar[g]);
+                        if (b) tFar[g] = ownSelectLanes(b, ownMax(tNear[g], ownMin(t[g], tFar[g])), tFar[g]);
                     }
                 }
                 active = nearLanes;
@@ -432,7 +439,7 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
             // Lanes whose processed interval reaches their hit distance are done.
             const int fin = a & ownMoveMask(tFar[g] >= p[g].bound());
             alive &= ~(fin << (4 * g));
-            tNear[g] = ownSelect(ownLaneMask(a & ~fin), tFar[g], tNear[g]);
+            tNear[g] = ownSelectLanes(a & ~fin, tFar[g], tNear[g]);
         }
         for (;;) {
             if (top == 0) return;
@@ -443,7 +450,7 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
 #pragma GCC unroll 4
                 for (int g = 0; g < G; ++g) {
                     const int m = (pushed >> (4 * g)) & 15;
-                    if (m) tFar[g] = ownSelect(ownLaneMask(m), e.tFar[g], tFar[g]);
+                    if (m) tFar[g] = ownSelectLanes(m, e.tFar[g], tFar[g]);
                 }
                 node = e.node;
                 break;
