@@ -358,9 +358,12 @@ inline int ownTileMask(const OwnM4* m) {
 // 19% of the instructions off every query on both targets. The lane bits of a
 // node's two decisions come from one packed movemask each (3% fewer
 // instructions than a movemask and shift per group). Group state changes by
-// lane-mask selects without branching on the mask's value: a test for an
-// all-lanes mask saved instructions on coherent rays but cost 4% (shadow) and
-// 7% (reflection) in time through mispredictions.
+// lane-mask selects without branching on the mask's value, not even on an
+// empty one (a select by an empty mask keeps the value): on the incoherent
+// reflection rays such branches mispredict, and dropping them made every
+// query 4% to 12% faster on both targets although it adds instructions. A
+// test for an all-lanes mask, likewise, saved instructions on coherent rays
+// but cost 4% (shadow) and 7% (reflection) in time.
 template <int G, bool sharedOrigin, class P>
 inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* accel, const OwnRay<OwnLane4<>>* r,
                         const int sign[3], OwnF4* tNear, OwnF4* tFar, int alive, P* p) {
@@ -411,7 +414,7 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
 #pragma GCC unroll 4
                     for (int g = 0; g < G; ++g) {
                         const int b = (bothSides >> (4 * g)) & 15;
-                        if (b) tFar[g] = ownSelect(ownLaneMask(b), ownMax(tNear[g], ownMin(t[g], tFar[g])), tFar[g]);
+                        tFar[g] = ownSelect(ownLaneMask(b), ownMax(tNear[g], ownMin(t[g], tFar[g])), tFar[g]);
                     }
                 }
                 active = nearLanes;
@@ -445,7 +448,6 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
 #pragma GCC unroll 4
         for (int g = 0; g < G; ++g) {
             const int a = (active >> (4 * g)) & 15;
-            if (!a) continue;
             // Lanes whose processed interval reaches their hit distance are done.
             const int fin = a & ownMoveMask(tFar[g] >= p[g].bound());
             alive &= ~(fin << (4 * g));
@@ -460,7 +462,7 @@ inline void ownWalkTile(const VekrKDTreeNode* root, const VekrTriangleAccel* acc
 #pragma GCC unroll 4
                 for (int g = 0; g < G; ++g) {
                     const int m = (pushed >> (4 * g)) & 15;
-                    if (m) tFar[g] = ownSelect(ownLaneMask(m), e.tFar[g], tFar[g]);
+                    tFar[g] = ownSelect(ownLaneMask(m), e.tFar[g], tFar[g]);
                 }
                 node = e.node;
                 break;
