@@ -354,14 +354,14 @@ inline int ownTileMask(const OwnM4* m) {
 // offset, the triangle's plane terms) are computed once per packet.
 // The loops over the groups are unrolled (GCC keeps them rolled at -O2): with
 // g a constant, the lane bits shift by constants and a group's values are
-// addressed directly instead of through an index register, which takes 13% to
+// addressed directly instead of through an index register, which takes 12% to
 // 19% of the instructions off every query on both targets. The lane bits of a
 // node's two decisions come from one packed movemask each (3% fewer
 // instructions than a movemask and shift per group). Group state changes by
 // lane-mask selects without branching on the mask's value, not even on an
 // empty one (a select by an empty mask keeps the value): on the incoherent
 // reflection rays such branches mispredict, and dropping them made every
-// query 4% to 12% faster on both targets although it adds instructions. A
+// query 6% to 13% faster on both targets although it adds instructions. A
 // test for an all-lanes mask, likewise, saved instructions on coherent rays
 // but cost 4% (shadow) and 7% (reflection) in time.
 template <int G, bool sharedOrigin, class P>
