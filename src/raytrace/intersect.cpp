@@ -411,6 +411,9 @@ void ownAnyTile(const float* origin, const float* const dir[3], int32_t* occlude
     OwnM4 neg[G][3];
     OwnAnyPolicy<OwnLane4<>> p[G];
     int selected = 0;
+    // Unrolled like the walk's group loops: 1% (x86-64) and 2% (i386) fewer
+    // instructions for the query.
+#pragma GCC unroll 4
     for (int g = 0; g < G; ++g) {
         const std::size_t e = i + g * width;
         for (int a = 0; a < 3; ++a) {
