@@ -95,6 +95,36 @@ inline void ownCubicWeights(const OwnCubicKernel& k, double t, float w[4]) {
 }
 
 // ---------------------------------------------------------------------------
+// Cubic weights of a grid of fractions
+// ---------------------------------------------------------------------------
+
+// The weights of every fraction t = j 2^-bits, j = 0 .. 2^bits - 1, as
+// ownCubicWeights gives them: entry j is the four floats at w + 4 j. A float
+// coordinate c >= 2^(23 - bits) has a unit in the last place of at least
+// 2^-bits, so its fraction t = c - trunc(c) is a multiple of 2^-bits and
+// t 2^bits is exactly the index of its entry: a lookup gives the bits of the
+// evaluation (t 2^(bits + 4) its byte offset). minIndex = 2^(23 - bits) is
+// the smallest integer part served; a table with w null serves none
+// (minIndex is then INT_MAX).
+struct OwnCubicTable {
+    const float* w = nullptr;
+    float byteScale = 0.0f;  // 2^(bits + 4)
+    int minIndex = 0x7FFFFFFF;
+};
+
+// Fills the 4 << bits floats at w for the table of kernel k (1 <= bits <= 23).
+inline OwnCubicTable ownFillCubicTable(const OwnCubicKernel& k, int bits, float* w) {
+    const int n = 1 << bits;
+    const double step = std::ldexp(1.0, -bits);
+    for (int j = 0; j < n; ++j) ownCubicWeights(k, j * step, w + 4 * j);
+    OwnCubicTable table;
+    table.w = w;
+    table.byteScale = static_cast<float>(16 * n);
+    table.minIndex = 1 << (23 - bits);
+    return table;
+}
+
+// ---------------------------------------------------------------------------
 // Coordinate set-up
 // ---------------------------------------------------------------------------
 

@@ -364,6 +364,47 @@ TYPED_TEST(Resample, LongCubicRowsMatchTheScalarPath) {
     }
 }
 
+// A large cubic remap reads the weights of points with integer parts from
+// 512 up (whose fractions are multiples of 2^-14) from a table it fills per
+// call; the table must give the evaluated bits. A 512 x 512 plane over a
+// source 1100 voxels wide and a 64^3 volume over one 600 wide, every cubic
+// kernel: even rows take x in [512, width - 1] (groups of four wholly served
+// by the table), odd rows anywhere from outside the box to outside it again
+// (groups mixing both ways and outside points), with integers, the first
+// and last fractions of the binades from 512 up and the float below 512
+// scattered in; the vector path (offset 0) stores the scalar path's bits.
+TYPED_TEST(Resample, CubicWeightTableGivesTheEvaluatedBits) {
+    using T = TypeParam;
+    const float specials[] = {512.0f, 0x1.fffffep8f, 0x1.000002p9f, 0x1.fffffep9f,
+                              1024.0f, 600.0f, 0x1.001p10f, 599.0f};
+    for (int depth : {1, 6}) {
+        const int sw = depth == 1 ? 1100 : 600, n = depth == 1 ? 512 : 64, dd = depth == 1 ? 1 : 64;
+        vt::Rng rng(77);
+        Vol<T> src = vv::planarVol<T>(sw, 9, depth);
+        vv::fillRandom(src, rng);
+        const VekrCuboid sv{0, 0, 0, sw, 9, depth};
+        for (int code : {4, 5, 6, 7}) {
+            auto remapped = [&](std::size_t offset) {
+                Maps maps(n, n, dd, offset);
+                vt::Rng pts(code);
+                maps.fill([&](int x, int y, int, float* p) {
+                    p[0] = y % 2 == 0 ? pts.uniform(512.0f, static_cast<float>(sw - 1))
+                                      : pts.uniform(-2.0f, static_cast<float>(sw + 1));
+                    if (x % 7 == 3) p[0] = std::min(specials[(x / 7 + y) % 8], static_cast<float>(sw - 1));
+                    p[1] = pts.uniform(0.0f, 8.0f);
+                    p[2] = depth == 1 ? 0.0f : pts.uniform(0.0f, static_cast<float>(depth - 1));
+                });
+                Vol<T> dst = vv::planarVol<T>(n, n, dd, offset);
+                dst.fillCanary();
+                EXPECT_EQ(callRemap(src, sv, maps, dst, code), vekStatusOk);
+                EXPECT_FALSE(dst.canaryIntact());
+                return dst.bytes();
+            };
+            EXPECT_TRUE(vt::SameAcrossOffsets(remapped)) << "depth " << depth << " code " << code;
+        }
+    }
+}
+
 // The vector cubic kernels take four points' weights in one go when every
 // fraction t = c - trunc(c) lies where 1 + t, t, 1 - t and 2 - t fall inside
 // their polynomial's range, and point by point otherwise. Fractions on and
