@@ -71,7 +71,7 @@ step_demo_order() {
 
 start=$SECONDS
 bash tools/setup.sh
-passed=0 failed=0 failures=() times=()
+passed=0 failed=0 failures=() times=("$(printf '%4d s  %s' $SECONDS setup)")
 run() {
   local t0=$SECONDS status=0
   echo "== $*"
