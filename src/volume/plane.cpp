@@ -63,8 +63,7 @@ VekStatus ownRemapPlane(const T* pSrc, VekrVolume srcVolume, int srcStep, VekrCu
     const bool sse = ownRemapUsesSse(pDst, maps, 2, dstStep, mapStep, dstVolume, src);
     const OwnRemapRowFn<T> kernel =
         sse ? OwnRemapKernels<T, 2, true>::table[setup.code] : OwnRemapKernels<T, 2, false>::table[setup.code];
-    const long long voxels = static_cast<long long>(dstVolume.width) * dstVolume.height * dstVolume.depth;
-    const OwnRemapCubicTable cubic(setup.code, sse, voxels, setup.hi, 2);
+    const OwnRemapCubicTable cubic(setup.code, sse, dstVolume, setup.hi, 2);
     const int threads = ownPlaneThreads(dstVolume.width, dstVolume.height, dstVolume.depth);
     ownForEachRow_MT(dstVolume.depth, dstVolume.height, threads, [&](int z, int y) {
         OwnRemapRowArgs<T> row;

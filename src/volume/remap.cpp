@@ -48,8 +48,7 @@ VekStatus ownRemap(const T* const pSrc[], VekrVolume srcVolume, int srcStep, Vek
     const bool sse = ownRemapUsesSse(pDst, maps, 3, dstStep, mapStep, dstVolume, src);
     const OwnRemapRowFn<T> kernel =
         sse ? OwnRemapKernels<T, 3, true>::table[code] : OwnRemapKernels<T, 3, false>::table[code];
-    const long long voxels = static_cast<long long>(dstVolume.width) * dstVolume.height * dstVolume.depth;
-    const OwnRemapCubicTable cubic(code, sse, voxels, hi, 3);
+    const OwnRemapCubicTable cubic(code, sse, dstVolume, hi, 3);
     const int threads = ownVolumeThreads(dstVolume.width, dstVolume.height, dstVolume.depth);
     ownForEachRow_MT(dstVolume.depth, dstVolume.height, threads, [&](int z, int y) {
         OwnRemapRowArgs<T> row;

@@ -1330,7 +1330,8 @@ inline bool ownRemapUsesSse(T* const pDst[], const float* const* const maps[], i
 // (the same bits).
 class OwnRemapCubicTable {
   public:
-    OwnRemapCubicTable(int code, bool sse, long long voxels, const int hi[3], int dims) {
+    OwnRemapCubicTable(int code, bool sse, VekrVolume dst, const int hi[3], int dims) {
+        const long long voxels = static_cast<long long>(dst.width) * dst.height * dst.depth;
         if (!sse || !ownIsCubicInterpolation(code) || voxels < (16LL << kBits)) return;
         bool reaches = false;
         for (int ax = 0; ax < dims; ++ax) reaches = reaches || hi[ax] >= (1 << (23 - kBits));
